@@ -1,0 +1,11 @@
+#pragma once
+
+/// Everything a host needs: the two managers, the device record, the pairing screen and the
+/// location service they run on.
+
+#include "quorlix/Version.h"
+#include "quorlix/events/VeskEventManager.h"
+#include "quorlix/model/BeaconFamily.h"
+#include "quorlix/model/VeskDevice.h"
+#include "quorlix/platform/Beacon.h"
+#include "quorlix/platform/LocationManager.h"

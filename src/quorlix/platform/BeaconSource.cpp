@@ -1,0 +1,10 @@
+#include "quorlix/platform/BeaconSource.h"
+
+#include "quorlix/platform/Clock.h"
+
+namespace Quorlix {
+
+BeaconSource::~BeaconSource() = default;
+Clock::~Clock() = default;
+
+} // namespace Quorlix

@@ -1,0 +1,86 @@
+#include "DirectoryProcess.h"
+
+#include <QFile>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <arpa/inet.h>
+#include <csignal>
+#include <netinet/in.h>
+#include <spawn.h>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace Quorlix::Testing {
+
+DirectoryProcess::DirectoryProcess(const QString& devicesFile)
+{
+    static QTemporaryDir logDir;
+    static int counter = 0;
+    m_logFile = logDir.filePath(QStringLiteral("directory-%1.log").arg(++counter));
+
+    const QByteArray program = QUORLIX_DIRECTORY_TOOL;
+    const QByteArray log = m_logFile.toLocal8Bit();
+    const QByteArray devices = devicesFile.toLocal8Bit();
+    // The shell redirects the tool's log to a file that we can read while it runs.
+    const QByteArray command = "exec '" + program + "' 0 " +
+                               (devices.isEmpty() ? QByteArray() : "'" + devices + "'") + " > '" +
+                               log + "'";
+    const char* argv[] = {"/bin/sh", "-c", command.constData(), nullptr};
+    if (posix_spawn(&m_pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0)
+        throw std::runtime_error("cannot start " + program.toStdString());
+
+    for (int attempt = 0; attempt < 500 && m_port == 0; ++attempt) {
+        QFile file(m_logFile);
+        if (file.open(QIODevice::ReadOnly)) {
+            const QByteArray first = file.readLine();
+            if (first.startsWith("listening on 127.0.0.1:") && first.endsWith('\n'))
+                m_port = first.trimmed().split(':').last().toInt();
+        }
+        if (m_port == 0)
+            QThread::msleep(10);
+    }
+    if (m_port == 0)
+        throw std::runtime_error("quorlix-directory did not report its port");
+    m_host = QStringLiteral("127.0.0.1:%1").arg(m_port);
+    qputenv("QUORLIX_DIRECTORY_HOST", m_host.toUtf8());
+}
+
+DirectoryProcess::~DirectoryProcess()
+{
+    if (m_pid > 0) {
+        kill(m_pid, SIGTERM);
+        waitpid(m_pid, nullptr, 0);
+    }
+}
+
+QStringList DirectoryProcess::requests() const
+{
+    QFile file(m_logFile);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    QStringList lines = QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts);
+    // The first two lines announce the port and the device file.
+    return lines.mid(2);
+}
+
+int unusedPort()
+{
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = 0;
+    socklen_t length = sizeof address;
+    bind(fd, reinterpret_cast<sockaddr*>(&address), length);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    close(fd); // closed and never listened on: connections are refused
+    return ntohs(address.sin_port);
+}
+
+} // namespace Quorlix::Testing
