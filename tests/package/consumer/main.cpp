@@ -1,0 +1,47 @@
+// Links against the installed library and reaches into each layer a host touches: the version
+// symbols, the beacon family helpers, the region matching and the event manager's meta-object.
+#include <quorlix/Quorlix.h>
+
+#include <QCoreApplication>
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+int failures = 0;
+
+void expect(bool ok, const char* what)
+{
+    if (!ok) {
+        std::fprintf(stderr, "consumer: %s\n", what);
+        ++failures;
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+
+    expect(QuorlixVersionNumber == 1.0, "QuorlixVersionNumber is not 1.0");
+    const char* version = reinterpret_cast<const char*>(QuorlixVersionString);
+    expect(std::strstr(version, "PROJECT:Quorlix-1") != nullptr, "unexpected version text");
+
+    expect(Quorlix::BeaconFamily::majorMinorText(1200, 7) == QStringLiteral("1200-7"),
+           "majorMinorText(1200, 7) is not 1200-7");
+
+    const Quorlix::BeaconRegion region{Quorlix::BeaconFamily::proximityUUID(), quint16(12),
+                                       quint16(7), QStringLiteral("VeskDevice")};
+    expect(region.matches(Quorlix::BeaconFamily::proximityUUID(), 12, 7), "region misses 12-7");
+    expect(!region.matches(Quorlix::BeaconFamily::proximityUUID(), 12, 8), "region takes 12-8");
+
+    const QMetaObject& meta = Quorlix::VeskEventManager::staticMetaObject;
+    expect(meta.indexOfMethod("filter(qint64)") >= 0, "filter is not runtime-visible");
+    expect(meta.indexOfProperty("filterTime") >= 0, "filterTime is not a property");
+
+    if (failures == 0)
+        std::printf("consumer: Quorlix %.1f linked and working\n", QuorlixVersionNumber);
+    return failures == 0 ? 0 : 1;
+}
