@@ -10,8 +10,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <iostream>
 #include <string>
+#include <system_error>
 
 namespace {
 
@@ -21,6 +23,19 @@ void stopOnSignal(int)
 {
     if (running != nullptr)
         running->stop();
+}
+
+// An installed tool reads the copy installed next to it; a build-tree tool reads the source file.
+std::string sampleDevices()
+{
+    std::error_code error;
+    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+    if (!error) {
+        const auto installed = self.parent_path().parent_path() / "share/quorlix/devices.json";
+        if (std::filesystem::exists(installed, error))
+            return installed.string();
+    }
+    return QUORLIX_SAMPLE_DEVICES;
 }
 
 int usage()
@@ -43,7 +58,7 @@ int main(int argc, char** argv)
         std::cerr << "quorlix-directory: '" << argv[1] << "' is not a port number (0-65535)\n";
         return usage();
     }
-    const std::string devices = argc == 3 ? argv[2] : QUORLIX_SAMPLE_DEVICES;
+    const std::string devices = argc == 3 ? argv[2] : sampleDevices();
     try {
         Quorlix::Tools::DirectoryServer server(devices);
         server.setRequestLog([](const std::string& line) {
