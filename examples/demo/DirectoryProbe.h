@@ -1,0 +1,36 @@
+#pragma once
+
+#include <QString>
+
+namespace QuorlixDemo {
+
+/// Asks the directory service about a device before the library does. The library stops the
+/// process when the service is unreachable or a device ID does not resolve; the demo checks first,
+/// so that a typo in the ID field or a wrong --directory gets a message instead.
+class DirectoryProbe
+{
+public:
+    struct Answer
+    {
+        /// Empty when the device resolves; otherwise what is wrong, readable.
+        QString problem;
+        /// The device's major-minor text, e.g. "12-7".
+        QString majorMinor;
+        /// Whether the service answered at all.
+        bool reachable = true;
+    };
+
+    explicit DirectoryProbe(QString host);
+
+    /// Looks deviceID up with GET /api/device/<deviceID> (blocking, a few seconds at most).
+    Answer lookUp(const QString& deviceID) const;
+
+    /// Whether text has the form the library can turn into a region: two numbers 0-65535
+    /// joined by '-'.
+    static bool isMajorMinor(const QString& text);
+
+private:
+    QString m_host;
+};
+
+} // namespace QuorlixDemo
