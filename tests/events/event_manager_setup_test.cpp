@@ -99,6 +99,7 @@ struct SplitCase
     const char* text;
     int major;
     int minor;
+    friend void PrintTo(const SplitCase& c, std::ostream* os) { *os << '"' << c.text << '"'; }
 };
 
 class MajorMinorSplit : public testing::TestWithParam<SplitCase>
@@ -128,6 +129,7 @@ struct StopCase
 {
     const char* text;
     const char* stop;
+    friend void PrintTo(const StopCase& c, std::ostream* os) { *os << '"' << c.text << '"'; }
 };
 
 class MajorMinorStopDeathTest : public testing::TestWithParam<StopCase>

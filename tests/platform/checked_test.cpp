@@ -1,5 +1,7 @@
 #include "quorlix/platform/Checked.h"
 
+#include <QString>
+
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -12,6 +14,10 @@ struct ParseCase
 {
     const char16_t* text;
     std::optional<std::int64_t> expected;
+    friend void PrintTo(const ParseCase& c, std::ostream* os)
+    {
+        *os << '"' << QString::fromUtf16(c.text).toStdString() << '"';
+    }
 };
 
 class ParseInt64 : public testing::TestWithParam<ParseCase>
