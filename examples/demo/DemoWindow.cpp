@@ -1,6 +1,8 @@
 #include "DemoWindow.h"
 
 #include "quorlix/Quorlix.h"
+#include "quorlix/pairing/VeskDeviceManager.h"
+#include "quorlix/ui/DeviceListViewController.h"
 
 #include <QFontDatabase>
 #include <QFormLayout>
@@ -71,7 +73,12 @@ DemoWindow::DemoWindow(const Setup& setup, QWidget* parent)
     m_storedLabel = new QLabel;
     auto* pairBox = new QGroupBox(QStringLiteral("Pairing"));
     auto* pairLayout = new QFormLayout(pairBox);
-    pairLayout->addRow(m_pairButton);
+    auto* pairRow = new QHBoxLayout;
+    pairRow->addWidget(m_pairButton);
+    pairRow->addWidget(
+        new QLabel(QStringLiteral("opens the list of nearby devices over this window")));
+    pairRow->addStretch(1);
+    pairLayout->addRow(pairRow);
     pairLayout->addRow(QStringLiteral("Chosen key:"), m_chosenLabel);
     pairLayout->addRow(QStringLiteral("Stored keys:"), m_storedLabel);
 
@@ -108,7 +115,13 @@ DemoWindow::DemoWindow(const Setup& setup, QWidget* parent)
     showStoredKeys();
 }
 
-DemoWindow::~DemoWindow() = default;
+DemoWindow::~DemoWindow()
+{
+    // The device manager and its screen keep each other alive on purpose; the screen must not be
+    // deleted as this window's child while that pair still holds it.
+    if (QWidget* screen = pairingScreen())
+        screen->setParent(nullptr);
+}
 
 void DemoWindow::logEvent(const QString& kind, const QString& text)
 {
@@ -131,9 +144,13 @@ bool DemoWindow::watch(const QString& deviceID)
         m_watchStatus->setText(QStringLiteral("Cannot watch: %1").arg(answer.problem));
         return false;
     }
+    startWatching(id, answer.majorMinor);
+    return true;
+}
 
-    logEvent(QStringLiteral("watch"),
-             QStringLiteral("device %1, beacon %2").arg(id, answer.majorMinor));
+void DemoWindow::startWatching(const QString& id, const QString& majorMinor)
+{
+    logEvent(QStringLiteral("watch"), QStringLiteral("device %1, beacon %2").arg(id, majorMinor));
     m_eventManager = Quorlix::VeskEventManager::create(id);
     m_eventManager->filter(m_filterField->value());
     m_watched = id;
@@ -161,9 +178,8 @@ bool DemoWindow::watch(const QString& deviceID)
                            .arg(id, orNone(device->rssi), orNone(device->distance)));
     });
     m_watchStatus->setText(QStringLiteral("Watching device %1 (beacon %2), filter %3 s")
-                               .arg(id, answer.majorMinor)
+                               .arg(id, majorMinor)
                                .arg(m_filterField->value()));
-    return true;
 }
 
 void DemoWindow::applyFilter(int seconds)

@@ -52,6 +52,8 @@ public:
     /// Watches deviceID with a new event manager, replacing the one before. A device the
     /// directory cannot resolve is reported in the log and leaves the current watch as it is.
     bool watch(const QString& deviceID);
+    /// The same for a device already resolved to its major-minor text.
+    void startWatching(const QString& deviceID, const QString& majorMinor);
     /// Starts a pairing: the list screen opens over this window.
     void pair();
     /// The list screen of the pairing under way or last done; null before the first pair().

@@ -48,6 +48,15 @@ QString dataFile(const QString& relative, const QString& sourceTreePath)
     return {};
 }
 
+// The offscreen platform warns about every window it cannot resize for a window manager; that is
+// noise in a headless event log.
+void dropOffscreenNoise(QtMsgType type, const QMessageLogContext& context, const QString& message)
+{
+    if (message.startsWith(QStringLiteral("This plugin does not support")))
+        return;
+    qt_message_output(type, context, message);
+}
+
 bool hasDisplay()
 {
     return !qEnvironmentVariableIsEmpty("DISPLAY") ||
@@ -74,8 +83,10 @@ int main(int argc, char** argv)
     }
 
     const bool headless = options.headless || !hasDisplay();
-    if (headless)
+    if (headless) {
         qputenv("QT_QPA_PLATFORM", "offscreen");
+        qInstallMessageHandler(dropOffscreenNoise);
+    }
     QApplication app(argc, argv);
     // The key store lives in the settings of this organisation and application.
     QCoreApplication::setOrganizationName(QStringLiteral("Quorlix"));
@@ -127,13 +138,6 @@ int main(int argc, char** argv)
     }
     qputenv("QUORLIX_DIRECTORY_HOST", setup.directoryHost.toUtf8());
 
-    // The library stops the process when the service does not answer or the device does not
-    // resolve; say what is wrong instead.
-    const DirectoryProbe::Answer answer =
-        DirectoryProbe(setup.directoryHost).lookUp(options.device);
-    if (!answer.problem.isEmpty())
-        return fail(answer.reachable ? 2 : 1, answer.problem);
-
     setup.sourceDescription = source;
     setup.device = options.device;
     setup.filter = options.filter;
@@ -145,9 +149,16 @@ int main(int argc, char** argv)
                           .arg(headless ? QStringLiteral("headless (offscreen)")
                                         : QStringLiteral("on the display")));
 
+    // The library stops the process when the service does not answer or the device does not
+    // resolve; say what is wrong instead.
+    const DirectoryProbe::Answer answer =
+        DirectoryProbe(setup.directoryHost).lookUp(options.device);
+    if (!answer.problem.isEmpty())
+        return fail(answer.reachable ? 2 : 1, answer.problem);
+
     DemoWindow window(setup);
     window.show();
-    window.watch(options.device);
+    window.startWatching(options.device, answer.majorMinor);
 
     DemoRun::Plan plan;
     plan.autoPair = headless;

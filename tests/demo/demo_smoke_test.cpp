@@ -11,14 +11,14 @@
 
 namespace {
 
-struct Run
+struct DemoResult
 {
     int exitCode = -1;
     QString out;
     QString err;
 };
 
-Run runDemo(const QStringList& arguments, const QString& configHome, int timeoutMs = 30000)
+DemoResult runDemo(const QStringList& arguments, const QString& configHome, int timeoutMs = 30000)
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     // The key store goes to a scratch settings directory, never the user's.
@@ -30,7 +30,7 @@ Run runDemo(const QStringList& arguments, const QString& configHome, int timeout
     QProcess demo;
     demo.setProcessEnvironment(environment);
     demo.start(QStringLiteral(QUORLIX_DEMO_PROGRAM), arguments);
-    Run run;
+    DemoResult run;
     if (!demo.waitForFinished(timeoutMs)) {
         demo.kill();
         demo.waitForFinished();
@@ -74,8 +74,8 @@ TEST(DemoSmoke, HeadlessRunWatchesPairsStoresAndTakesScreenshots)
     QTemporaryDir scratch;
     ASSERT_TRUE(scratch.isValid());
     const QString shots = scratch.filePath(QStringLiteral("shots"));
-    const Run run = runDemo({"--headless", "--seconds", "8", "--screenshots", shots},
-                            scratch.filePath(QStringLiteral("config")));
+    const DemoResult run = runDemo({"--headless", "--seconds", "8", "--screenshots", shots},
+                                   scratch.filePath(QStringLiteral("config")));
     ASSERT_EQ(run.exitCode, 0) << run.err.toStdString() << run.out.toStdString();
     const std::string log = run.out.toStdString();
 
@@ -109,8 +109,8 @@ TEST(DemoSmoke, HeadlessRunWatchesPairsStoresAndTakesScreenshots)
     expectPicture(shots + QStringLiteral("/pairing-screen.png"), 300, 300);
 
     // The next start of the host reloads the stored key.
-    const Run again = runDemo({"--headless", "--seconds", "1", "--pick", "none"},
-                              scratch.filePath(QStringLiteral("config")));
+    const DemoResult again = runDemo({"--headless", "--seconds", "1", "--pick", "none"},
+                                     scratch.filePath(QStringLiteral("config")));
     ASSERT_EQ(again.exitCode, 0) << again.err.toStdString();
     const QStringList stored = events(again.out, "store");
     ASSERT_FALSE(stored.isEmpty()) << again.out.toStdString();
@@ -135,7 +135,7 @@ TEST(DemoSmoke, BadStartsEndWithAMessageAndAnExitCode)
         {{"--headless", "--directory", "127.0.0.1:1"}, 1, "does not answer", false},
     };
     for (const auto& c : cases) {
-        const Run run = runDemo(c.arguments, scratch.path());
+        const DemoResult run = runDemo(c.arguments, scratch.path());
         const std::string what =
             c.arguments.join(u' ').toStdString() + "\n" + run.err.toStdString();
         EXPECT_EQ(run.exitCode, c.exitCode) << what;
