@@ -28,7 +28,7 @@ void DemoRun::start()
             m_window->pair();
             m_poll.start();
         });
-    else
+    else if (!m_plan.screenshots.isEmpty())
         m_poll.start(); // the user pairs; the screenshot is still taken when the list fills
     if (m_plan.seconds)
         QTimer::singleShot(*m_plan.seconds * 1000, this, [] { QCoreApplication::exit(0); });
