@@ -63,10 +63,10 @@ DemoOptions DemoOptions::parse(const QStringList& arguments)
         options.error = message;
         return options;
     };
-    static const QStringList withValue{QStringLiteral("--seconds"), QStringLiteral("--screenshots"),
-                                       QStringLiteral("--pick"),    QStringLiteral("--directory"),
-                                       QStringLiteral("--source"),  QStringLiteral("--device"),
-                                       QStringLiteral("--filter"),  QStringLiteral("--app-id")};
+    static const QStringList withValue{
+        QStringLiteral("--seconds"),   QStringLiteral("--screenshots"), QStringLiteral("--pick"),
+        QStringLiteral("--directory"), QStringLiteral("--source"),      QStringLiteral("--device"),
+        QStringLiteral("--filter"),    QStringLiteral("--exit-period"), QStringLiteral("--app-id")};
 
     for (qsizetype i = 0; i < arguments.size(); ++i) {
         QString name = arguments[i];
@@ -107,6 +107,12 @@ DemoOptions DemoOptions::parse(const QStringList& arguments)
                 return fail(QStringLiteral("--filter wants whole seconds from 0 to 3600, not '%1'")
                                 .arg(*value));
             options.filter = *filter;
+        } else if (name == u"--exit-period") {
+            options.exitPeriod = boundedNumber(*value, 1, 3600);
+            if (!options.exitPeriod)
+                return fail(
+                    QStringLiteral("--exit-period wants whole seconds from 1 to 3600, not '%1'")
+                        .arg(*value));
         } else if (name == u"--pick") {
             if (*value == u"first")
                 options.pick = Pick::First;
@@ -150,6 +156,8 @@ QString DemoOptions::usage()
         "  --source SOURCE          bluez | simulate:<file> | replay:<file>\n"
         "  --device ID              device to watch at start (default 1047)\n"
         "  --filter SECONDS         entry/exit filter interval, 0-3600 (default 0)\n"
+        "  --exit-period SECONDS    silence after which the watched device is gone, 1-3600\n"
+        "                           (default: the library's, 30)\n"
         "  --app-id ID              application ID of the device manager\n"
         "  --headless               run offscreen (also chosen when there is no display)\n"
         "  --seconds N              stop after N seconds (headless default 20)\n"

@@ -57,13 +57,15 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(DemoOptions, AcceptsBothValueFormsAndKeepsDefaultsForTheRest)
 {
-    const DemoOptions spaced = DemoOptions::parse(
-        {"--headless", "--seconds", "7", "--pick", "cancel", "--directory", "[::1]:8080"});
+    const DemoOptions spaced =
+        DemoOptions::parse({"--headless", "--seconds", "7", "--pick", "cancel", "--directory",
+                            "[::1]:8080", "--exit-period", "4"});
     ASSERT_TRUE(spaced.error.isEmpty()) << spaced.error.toStdString();
     EXPECT_TRUE(spaced.headless);
     EXPECT_EQ(spaced.seconds, 7);
     EXPECT_EQ(spaced.pick, DemoOptions::Pick::Cancel);
     EXPECT_EQ(spaced.directory, "[::1]:8080");
+    EXPECT_EQ(spaced.exitPeriod, 4);
     EXPECT_EQ(spaced.device, "1047");
     EXPECT_TRUE(spaced.source.isEmpty());
 
@@ -79,6 +81,7 @@ TEST(DemoOptions, AcceptsBothValueFormsAndKeepsDefaultsForTheRest)
     EXPECT_FALSE(none.headless);
     EXPECT_FALSE(none.seconds.has_value()); // the run decides: until closed, or 20 s headless
     EXPECT_FALSE(none.pick.has_value());
+    EXPECT_FALSE(none.exitPeriod.has_value());
 }
 
 TEST(DemoOptions, SourceFilesBecomeAbsoluteSoTheLibrarySeesTheSameFile)
