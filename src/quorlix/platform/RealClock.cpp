@@ -38,9 +38,10 @@ Clock::TimerId RealClock::schedule(std::int64_t atNs, std::function<void()> acti
 {
     const TimerId id = ++m_timers->lastId;
     const std::int64_t delayNs = std::max<std::int64_t>(0, atNs - nowNs());
-    // Rounded up: an action never runs before its time. Delays beyond QTimer's int range do not
-    // occur here (the engine's longest is its exit period).
-    const std::int64_t delayMs = std::min<std::int64_t>((delayNs + 999999) / 1000000, 0x7fffffff);
+    // Rounded up: an action never runs before its time. Beyond QTimer's int range (24.8 days) the
+    // action runs early; the engine's timers re-check their deadline when they fire.
+    const std::int64_t delayMs =
+        std::min<std::int64_t>(delayNs / 1000000 + (delayNs % 1000000 != 0), 0x7fffffff);
 
     auto* timer = new QTimer;
     timer->setSingleShot(true);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <list>
 #include <unordered_map>
 
@@ -55,6 +56,14 @@ struct Watch
     bool inside = false;
     std::int64_t lastMatchNs = 0;
 };
+
+// Saturating, so that a huge exit period means "never" rather than an overflow.
+std::int64_t deadline(std::int64_t lastMatchNs, std::int64_t periodNs)
+{
+    return lastMatchNs > std::numeric_limits<std::int64_t>::max() - periodNs
+               ? std::numeric_limits<std::int64_t>::max()
+               : lastMatchNs + periodNs;
+}
 
 Watch* findWatch(std::vector<Watch>& watches, std::uint64_t id)
 {
@@ -127,9 +136,11 @@ RegionEngine::RegionEngine(Clock& clock)
 RegionEngine::~RegionEngine()
 {
     *m_alive = false;
-    m_clock.cancel(m_state->flushTimer);
-    m_clock.cancel(m_state->exitTimer);
-    m_clock.cancel(m_state->tickTimer);
+    for (const Clock::TimerId timer :
+         {m_state->flushTimer, m_state->exitTimer, m_state->tickTimer}) {
+        if (timer != 0)
+            m_clock.cancel(timer);
+    }
 }
 
 namespace {
@@ -244,19 +255,23 @@ void RegionEngine::addSighting(const Sighting& sighting)
 
 void RegionEngine::updateScanning()
 {
-    const bool wanted = !m_state->monitored.empty() || !m_state->rangedRegions.empty();
+    State& state = *m_state;
+    // The ranging tick runs only while something is ranged; monitoring alone needs no timer but
+    // its exit deadline.
+    const bool ticking = !state.rangedRegions.empty();
+    if (ticking && state.tickTimer == 0) {
+        state.nextTickNs = m_clock.nowNs() + rangingIntervalNs;
+        state.tickTimer = m_clock.schedule(state.nextTickNs, [this] { onTick(); });
+    } else if (!ticking && state.tickTimer != 0) {
+        m_clock.cancel(state.tickTimer);
+        state.tickTimer = 0;
+        state.tracked.clear();
+        state.index.clear();
+    }
+    const bool wanted = !state.monitored.empty() || ticking;
     if (wanted == m_scanning)
         return;
     m_scanning = wanted;
-    if (wanted) {
-        m_state->nextTickNs = m_clock.nowNs() + rangingIntervalNs;
-        m_state->tickTimer = m_clock.schedule(m_state->nextTickNs, [this] { onTick(); });
-    } else {
-        m_clock.cancel(m_state->tickTimer);
-        m_state->tickTimer = 0;
-        m_state->tracked.clear();
-        m_state->index.clear();
-    }
     if (scanningWanted)
         scanningWanted(wanted);
 }
@@ -270,12 +285,12 @@ void RegionEngine::scheduleFlush()
 void RegionEngine::armExitTimer()
 {
     State& state = *m_state;
-    std::int64_t deadline = 0;
+    std::int64_t earliest = 0;
     bool any = false;
     for (const Watch& watch : state.monitored) {
         if (watch.inside) {
-            const std::int64_t due = watch.lastMatchNs + m_exitPeriodNs;
-            deadline = any ? std::min(deadline, due) : due;
+            const std::int64_t due = deadline(watch.lastMatchNs, m_exitPeriodNs);
+            earliest = any ? std::min(earliest, due) : due;
             any = true;
         }
     }
@@ -285,11 +300,11 @@ void RegionEngine::armExitTimer()
         return;
     }
     // An earlier timer is kept: when it fires it finds the later deadline and re-arms.
-    if (state.exitTimer != 0 && state.exitTimerAtNs <= deadline)
+    if (state.exitTimer != 0 && state.exitTimerAtNs <= earliest)
         return;
     m_clock.cancel(state.exitTimer);
-    state.exitTimerAtNs = deadline;
-    state.exitTimer = m_clock.schedule(deadline, [this] { onExitTimer(); });
+    state.exitTimerAtNs = earliest;
+    state.exitTimer = m_clock.schedule(earliest, [this] { onExitTimer(); });
 }
 
 void RegionEngine::onFlush()
@@ -318,7 +333,8 @@ void RegionEngine::onExitTimer()
     const std::int64_t now = m_clock.nowNs();
     std::vector<std::uint64_t> exits;
     for (Watch& watch : state.monitored) {
-        if (watch.inside && now - watch.lastMatchNs >= m_exitPeriodNs) {
+        // The same test as the timer's time, or the timer would be re-armed for the same moment.
+        if (watch.inside && now >= deadline(watch.lastMatchNs, m_exitPeriodNs)) {
             watch.inside = false;
             exits.push_back(watch.id);
         }

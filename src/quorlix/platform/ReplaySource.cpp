@@ -98,7 +98,8 @@ void ReplaySource::setScanning(bool wanted)
     if (timeBase == nullptr)
         return;
     if (!wanted) {
-        timeBase->cancel(m_timer);
+        if (m_timer != 0)
+            timeBase->cancel(m_timer);
         m_timer = 0;
         return;
     }

@@ -24,14 +24,19 @@ std::string kindOf(const Json& value)
     return value.type_name();
 }
 
+std::string text(double x)
+{
+    return QString::number(x).toStdString();
+}
+
 double number(const Json& value, const std::string& where, double low, double high)
 {
     if (!value.is_number())
         throw ScenarioError{where, "expected a number, got " + kindOf(value)};
     const double x = value.get<double>();
     if (!std::isfinite(x) || x < low || x > high)
-        throw ScenarioError{where, "value " + value.dump() + " is outside " + Json(low).dump() +
-                                       " to " + Json(high).dump()};
+        throw ScenarioError{where, "value " + value.dump() + " is outside " + text(low) + " to " +
+                                       text(high)};
     return x;
 }
 
@@ -255,7 +260,8 @@ void SimulatedSource::setScanning(bool wanted)
         return;
     if (!wanted) {
         for (Emitter& emitter : m_emitters) {
-            timeBase->cancel(emitter.timer);
+            if (emitter.timer != 0)
+                timeBase->cancel(emitter.timer);
             emitter.timer = 0;
         }
         return;
