@@ -25,6 +25,16 @@ double outerLimit(Proximity band)
 
 } // namespace
 
+ProximityFilter::ProximityFilter()
+    : m_tuning(Tuning{})
+{
+}
+
+ProximityFilter::ProximityFilter(Tuning tuning)
+    : m_tuning(tuning)
+{
+}
+
 void ProximityFilter::addReading(std::int64_t timeNs, int rssi)
 {
     if (!m_primed) {
@@ -36,7 +46,7 @@ void ProximityFilter::addReading(std::int64_t timeNs, int rssi)
     // dt / (tau + dt): the exponential weight 1 - exp(-dt / tau) to first order, exact for evenly
     // spaced readings in the limit, and without an exp() per advert.
     const double step = static_cast<double>(std::max(timeNs - m_lastNs, minimumStepNs));
-    const double weight = step / (static_cast<double>(timeConstantNs) + step);
+    const double weight = step / (static_cast<double>(m_tuning.timeConstantNs) + step);
     m_smoothed += weight * (rssi - m_smoothed);
     m_lastNs = std::max(m_lastNs, timeNs);
 }
@@ -52,10 +62,11 @@ Proximity ProximityFilter::update(int measuredPower)
     }
     // One band at a time, each step only when the average is past the limit by the margin.
     while (m_band != Proximity::Immediate &&
-           m_smoothed >= rssiAt(outerLimit(Proximity{rank(m_band) - 1}), power) + hysteresisDb)
+           m_smoothed >=
+               rssiAt(outerLimit(Proximity{rank(m_band) - 1}), power) + m_tuning.hysteresisDb)
         m_band = Proximity{rank(m_band) - 1};
     while (m_band != Proximity::Far &&
-           m_smoothed <= rssiAt(outerLimit(m_band), power) - hysteresisDb)
+           m_smoothed <= rssiAt(outerLimit(m_band), power) - m_tuning.hysteresisDb)
         m_band = Proximity{rank(m_band) + 1};
     return m_band;
 }

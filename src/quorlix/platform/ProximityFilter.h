@@ -14,21 +14,28 @@ class ProximityFilter
 public:
     /// Log-distance exponent: 2 is free space; indoor line-of-sight paths measure 1.6 to 2.2.
     static constexpr double pathLossExponent = 2.0;
-    /// Averaging time constant. At the usual 100 ms advertising interval and 4 dB of noise it
-    /// brings the spread of the average down to about 0.6 dB; the quality program's sweep shows
-    /// 2 s as the shortest constant that keeps a beacon on a band limit below one flip a minute.
-    static constexpr std::int64_t timeConstantNs = 2'000'000'000;
+    /// The two choices that trade steadiness against reaction time; the quality program (bench/)
+    /// sweeps them.
+    struct Tuning
+    {
+        /// Averaging time constant. At the usual 100 ms advertising interval and 4 dB of noise, 2 s
+        /// brings the spread of the average down to about 0.6 dB.
+        std::int64_t timeConstantNs = 2'000'000'000;
+        /// The average must cross a band limit by this much before the word changes (2.5 dB is a
+        /// factor 1.33 in distance), four times the average's own spread.
+        double hysteresisDb = 2.5;
+    };
     /// A reading weighs at least as much as one at the shortest advertising interval (20 ms), so
     /// that readings with equal time stamps still count.
     static constexpr std::int64_t minimumStepNs = 20'000'000;
     /// Band limits in metres: Immediate closer than 0.5 m, Near up to 3 m, Far beyond.
     static constexpr double immediateLimitM = 0.5;
     static constexpr double nearLimitM = 3.0;
-    /// The average must cross a band limit by this much before the word changes (2.5 dB is a
-    /// factor 1.33 in distance), well above the average's own spread.
-    static constexpr double hysteresisDb = 2.5;
     /// Measured power to assume when a beacon advertises 0 (not calibrated).
     static constexpr int defaultMeasuredPower = -59;
+
+    ProximityFilter();
+    explicit ProximityFilter(Tuning tuning);
 
     void addReading(std::int64_t timeNs, int rssi);
     /// Re-evaluates the word from the average; the first call takes the band the average lies in.
@@ -47,6 +54,7 @@ public:
     static Proximity bandFor(double distanceM);
 
 private:
+    Tuning m_tuning;
     bool m_primed = false;
     double m_smoothed = 0;
     std::int64_t m_lastNs = 0;
