@@ -27,13 +27,11 @@ double outerLimit(Proximity band)
 
 ProximityFilter::ProximityFilter()
     : m_tuning(Tuning{})
-{
-}
+{}
 
 ProximityFilter::ProximityFilter(Tuning tuning)
     : m_tuning(tuning)
-{
-}
+{}
 
 void ProximityFilter::addReading(std::int64_t timeNs, int rssi)
 {
