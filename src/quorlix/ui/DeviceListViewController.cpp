@@ -57,7 +57,11 @@ void DeviceListViewController::viewDidLoad()
     auto* button = new QPushButton(this);
     button->setGeometry(200, 20, 100, 50);
     button->setText(QStringLiteral("Cancel"));
+    // A borderless text button in the accent colour, as a system button looks.
     button->setFlat(true);
+    QPalette accent = button->palette();
+    accent.setColor(QPalette::ButtonText, QColor(0, 122, 255));
+    button->setPalette(accent);
     connect(button, &QPushButton::clicked, this, [this, button] { cancelPair(button); });
     button->show();
 
