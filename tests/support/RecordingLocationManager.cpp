@@ -13,8 +13,7 @@ QString describe(const BeaconRegion* region)
            number(region->major) + u' ' + number(region->minor);
 }
 
-void RecordingLocationManager::record(const char* call,
-                                      const std::shared_ptr<BeaconRegion>& region)
+void RecordingLocationManager::record(const char* call, const std::shared_ptr<BeaconRegion>& region)
 {
     lastRegion = region;
     calls << QString::fromLatin1(call) + u' ' + describe(region.get());

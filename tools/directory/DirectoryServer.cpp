@@ -60,31 +60,33 @@ DirectoryServer::DirectoryServer(const std::string& devicesFile)
         throw std::runtime_error(devicesFile + " does not hold a JSON array of device records");
     for (const Json& record : d->devices) {
         if (!record.is_object() || !record.contains("Key") || !record.at("Key").is_number())
-            throw std::runtime_error(devicesFile + ": every device record needs a numeric \"Key\"; "
-                                                   "this one has none: " + record.dump());
+            throw std::runtime_error(devicesFile +
+                                     ": every device record needs a numeric \"Key\"; "
+                                     "this one has none: " +
+                                     record.dump());
     }
 
-    d->server.Get(R"(/api/device/majorminor/?)", [this](const httplib::Request& request,
-                                                        httplib::Response& response) {
-        const std::string wanted = request.get_param_value("major-minor");
-        Json matches = Json::array();
-        for (const Json& record : d->devices) {
-            if (record.contains("MajorMinor") && record.at("MajorMinor") == wanted)
-                matches.push_back(record);
-        }
-        d->answer(request, response, 200, matches);
-    });
-    d->server.Get(R"(/api/device/([^/]*))", [this](const httplib::Request& request,
-                                                   httplib::Response& response) {
-        const std::string key = request.matches[1];
-        for (const Json& record : d->devices) {
-            if (keyText(record) == key) {
-                d->answer(request, response, 200, record);
-                return;
-            }
-        }
-        d->answer(request, response, 404, Json::array());
-    });
+    d->server.Get(R"(/api/device/majorminor/?)",
+                  [this](const httplib::Request& request, httplib::Response& response) {
+                      const std::string wanted = request.get_param_value("major-minor");
+                      Json matches = Json::array();
+                      for (const Json& record : d->devices) {
+                          if (record.contains("MajorMinor") && record.at("MajorMinor") == wanted)
+                              matches.push_back(record);
+                      }
+                      d->answer(request, response, 200, matches);
+                  });
+    d->server.Get(R"(/api/device/([^/]*))",
+                  [this](const httplib::Request& request, httplib::Response& response) {
+                      const std::string key = request.matches[1];
+                      for (const Json& record : d->devices) {
+                          if (keyText(record) == key) {
+                              d->answer(request, response, 200, record);
+                              return;
+                          }
+                      }
+                      d->answer(request, response, 404, Json::array());
+                  });
 }
 
 DirectoryServer::~DirectoryServer()

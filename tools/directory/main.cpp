@@ -46,9 +46,7 @@ int main(int argc, char** argv)
     const std::string devices = argc == 3 ? argv[2] : QUORLIX_SAMPLE_DEVICES;
     try {
         Quorlix::Tools::DirectoryServer server(devices);
-        server.setRequestLog([](const std::string& line) {
-            std::cout << line << std::endl;
-        });
+        server.setRequestLog([](const std::string& line) { std::cout << line << std::endl; });
         const int bound = server.bind(static_cast<int>(port));
         std::cout << "listening on 127.0.0.1:" << bound << std::endl;
         std::cout << "serving " << server.deviceCount() << " devices from " << devices << std::endl;

@@ -37,8 +37,7 @@ public:
 
     /// The same for a subclass M, whose overrides are in effect during the set-up. M needs a public
     /// default constructor.
-    template <class M>
-    static std::shared_ptr<M> create(const QString& deviceID)
+    template <class M> static std::shared_ptr<M> create(const QString& deviceID)
     {
         static_assert(std::is_base_of_v<VeskEventManager, M>);
         std::shared_ptr<M> manager(new M());

@@ -25,8 +25,8 @@ struct Beacon
     quint16 major = 0;
     quint16 minor = 0;
     Proximity proximity = Proximity::Unknown;
-    int rssi = 0;          ///< mean received signal strength in dBm; 0 when not heard lately
-    double accuracy = -1;  ///< estimated distance in metres; negative when unknown
+    int rssi = 0;         ///< mean received signal strength in dBm; 0 when not heard lately
+    double accuracy = -1; ///< estimated distance in metres; negative when unknown
 
     friend bool operator==(const Beacon&, const Beacon&) = default;
 };

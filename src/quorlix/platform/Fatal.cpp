@@ -41,8 +41,8 @@ void indexOutOfRange()
 
 void failedCast(std::string_view fromType, std::string_view toType)
 {
-    stop("Could not cast value of type '" + std::string(fromType) + "' to '" +
-         std::string(toType) + "'.");
+    stop("Could not cast value of type '" + std::string(fromType) + "' to '" + std::string(toType) +
+         "'.");
 }
 
 void unknownKey(std::string_view valueType, std::string_view key)

@@ -11,7 +11,8 @@ namespace Quorlix::Fatal {
 [[noreturn]] void unwrappedNil();
 
 /// A plain constructor that the class does not support, e.g. className "Quorlix.VeskEventManager".
-[[noreturn]] void unimplementedInitializer(std::string_view initializer, std::string_view className);
+[[noreturn]] void unimplementedInitializer(std::string_view initializer,
+                                           std::string_view className);
 
 /// A list was read past its end.
 [[noreturn]] void indexOutOfRange();

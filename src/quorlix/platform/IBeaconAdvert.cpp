@@ -9,7 +9,8 @@ constexpr qsizetype frameSize = 2 + frameLength;
 
 quint16 bigEndian16(const QByteArray& data, qsizetype at)
 {
-    return static_cast<quint16>((static_cast<quint8>(data[at]) << 8) | static_cast<quint8>(data[at + 1]));
+    return static_cast<quint16>((static_cast<quint8>(data[at]) << 8) |
+                                static_cast<quint8>(data[at + 1]));
 }
 
 } // namespace

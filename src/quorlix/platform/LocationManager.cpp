@@ -10,10 +10,8 @@ Q_LOGGING_CATEGORY(lcLocation, "quorlix.platform.location")
 LocationManagerDelegate::~LocationManagerDelegate() = default;
 void LocationManagerDelegate::didEnterRegion(LocationManager*, BeaconRegion*) {}
 void LocationManagerDelegate::didExitRegion(LocationManager*, BeaconRegion*) {}
-void LocationManagerDelegate::didRangeBeacons(LocationManager*, const QList<Beacon>&,
-                                              BeaconRegion*)
-{
-}
+void LocationManagerDelegate::didRangeBeacons(LocationManager*, const QList<Beacon>&, BeaconRegion*)
+{}
 
 namespace {
 

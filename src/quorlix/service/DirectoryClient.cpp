@@ -51,8 +51,8 @@ QString deviceUrl(const QString& key)
 
 QString majorMinorUrl(const QString& majorMinor)
 {
-    return QStringLiteral("http://") + host() + QStringLiteral("/api/device/majorminor/?major-minor=") +
-           majorMinor;
+    return QStringLiteral("http://") + host() +
+           QStringLiteral("/api/device/majorminor/?major-minor=") + majorMinor;
 }
 
 bool isValidUrl(const QString& text)
