@@ -141,8 +141,10 @@ def Flood(_self, paths, count, company, data):
         device = devices[i % len(devices)]
         message = dbus.lowlevel.SignalMessage(device.path, dbus.PROPERTIES_IFACE,
                                               'PropertiesChanged')
+        # Each device's RSSI changes from one of its adverts to the next.
+        rssi = -40 - (i // len(devices)) % 50
         message.append(DEVICE_IFACE,
-                       {'RSSI': dbus.Int16(-40 - i % 50, variant_level=1),
+                       {'RSSI': dbus.Int16(rssi, variant_level=1),
                         'ManufacturerData': value},
                        dbus.Array([], signature='s'), signature='sa{sv}as')
         for connection in connections:

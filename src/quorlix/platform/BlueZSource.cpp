@@ -155,7 +155,8 @@ private:
     QDBusServiceWatcher m_watcher;
     QTimer m_restartTimer;
     bool m_wanted = false;
-    bool m_present = false;
+    // bluetoothd is on the bus and its object list has been read.
+    bool m_loaded = false;
     // Replies from a bluetoothd that has gone since are ignored.
     quint64 m_generation = 0;
     QHash<QString, Adapter> m_adapters;
@@ -212,7 +213,6 @@ void BlueZSource::Private::connectSignals()
 
 void BlueZSource::Private::loadObjects()
 {
-    m_present = true;
     const quint64 generation = ++m_generation;
     const auto message = QDBusMessage::createMethodCall(
         service, QStringLiteral("/"), objectManagerInterface, QStringLiteral("GetManagedObjects"));
@@ -241,13 +241,14 @@ void BlueZSource::Private::loadObjects()
                         addObject(path.path(), interfaces, false);
                 }
                 objects.endMap();
+                m_loaded = true;
                 reportAdapters();
             });
 }
 
 void BlueZSource::Private::forgetAll()
 {
-    m_present = false;
+    m_loaded = false;
     ++m_generation;
     m_adapters.clear();
     m_devices.clear();
@@ -474,7 +475,7 @@ void BlueZSource::Private::restartDiscovery()
 
 void BlueZSource::Private::reportAdapters() const
 {
-    if (!m_wanted || !m_present)
+    if (!m_wanted || !m_loaded)
         return;
     if (m_adapters.isEmpty())
         qCWarning(lcBlueZ) << "no Bluetooth adapter is present; waiting for one";
