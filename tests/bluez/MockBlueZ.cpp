@@ -129,6 +129,11 @@ void MockBlueZ::setPowered(const QString& name, bool powered)
     callMock(QStringLiteral("SetPowered"), {name, powered});
 }
 
+void MockBlueZ::refuseStarts(const QString& name, quint32 count)
+{
+    callMock(QStringLiteral("RefuseStarts"), {name, QVariant::fromValue(count)});
+}
+
 QStringList MockBlueZ::discoveryLog(const QString& name)
 {
     return callMock(QStringLiteral("DiscoveryLog"), {name}).arguments().value(0).toStringList();

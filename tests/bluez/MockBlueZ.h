@@ -34,6 +34,8 @@ public:
     QString addAdapter(const QString& name);
     void removeAdapterWithDevices(const QString& name);
     void setPowered(const QString& name, bool powered);
+    /// The adapter's next count StartDiscovery calls fail.
+    void refuseStarts(const QString& name, quint32 count);
     /// The adapter's discovery calls, see DiscoveryLog in bluez_beacons.py.
     QStringList discoveryLog(const QString& name);
 

@@ -39,6 +39,10 @@ def _emit_discovering(adapter):
 
 
 def _start_discovery(adapter):
+    if getattr(adapter, 'refuse_starts', 0) > 0:
+        adapter.refuse_starts -= 1
+        raise dbus.exceptions.DBusException('Operation already in progress',
+                                            name='org.bluez.Error.Failed')
     if not adapter.props[ADAPTER_IFACE]['Powered']:
         raise dbus.exceptions.DBusException('Resource Not Ready', name='org.bluez.Error.NotReady')
     adapter.props[ADAPTER_IFACE]['Discovering'] = True
@@ -70,6 +74,12 @@ def SetPowered(_self, device_name, powered):
         changed['Discovering'] = dbus.Boolean(False, variant_level=1)
     adapter.EmitSignal(dbus.PROPERTIES_IFACE, 'PropertiesChanged', 'sa{sv}as',
                        [ADAPTER_IFACE, changed, []])
+
+
+@dbus.service.method(MOCK_IFACE, in_signature='su', out_signature='')
+def RefuseStarts(_self, device_name, count):
+    '''The adapter's next count StartDiscovery calls fail (org.bluez.Error.Failed).'''
+    mockobject.objects['/org/bluez/' + device_name].refuse_starts = count
 
 
 @dbus.service.method(MOCK_IFACE, in_signature='s', out_signature='as')

@@ -267,6 +267,24 @@ TEST_F(BlueZSourceTest, RestartsDiscoveryPeriodicallyToDefeatTheControllersDupli
         << "discovery restarted while scanning was not wanted";
 }
 
+TEST_F(BlueZSourceTest, RetriesARefusedStartWithoutStoppingASessionItNeverHad)
+{
+    mock.addAdapter(QStringLiteral("hci0"));
+    mock.refuseStarts(QStringLiteral("hci0"), 1);
+    const auto source = makeSource();
+    source->setRestartInterval(150ms);
+    source->setScanning(true);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return log.contains("cannot start discovery"); }, 5000));
+    const QStringList retried{filterLine, start, filterLine, start};
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return mock.discoveryLog(QStringLiteral("hci0")).size() >= retried.size(); }, 5000));
+    EXPECT_EQ(mock.discoveryLog(QStringLiteral("hci0")).mid(0, retried.size()), retried);
+
+    mock.addBeacon(QStringLiteral("hci0"), QStringLiteral("C0:FF:EE:00:00:09"), -60,
+                   IBeaconAdvert::appleCompanyId, frame(2001, 1));
+    EXPECT_TRUE(waitForSightings(1));
+}
+
 // Scanning is wanted before anything usable exists; the source waits, says why, and starts by
 // itself once the adapter is there.
 struct Unusable

@@ -466,10 +466,11 @@ void BlueZSource::Private::stopDiscovery(const QString& path)
 void BlueZSource::Private::restartDiscovery()
 {
     for (auto it = m_adapters.cbegin(); it != m_adapters.cend(); ++it) {
-        if (!it->session)
-            continue;
-        stopDiscovery(it.key());
-        startDiscovery(it.key());
+        if (it->session)
+            stopDiscovery(it.key());
+        // Also a retry for a powered adapter whose start was refused (busy, not ready yet).
+        if (it->powered)
+            startDiscovery(it.key());
     }
 }
 

@@ -23,8 +23,9 @@ public:
     void setScanning(bool wanted) override;
 
     /// While scanning, each adapter's discovery is restarted this often so that a controller
-    /// that filters duplicate adverts reports every present beacon again; zero disables it.
-    /// Default 10 s, a third of the region engine's default exit period.
+    /// that filters duplicate adverts reports every present beacon again, and a refused start is
+    /// retried; zero disables both. Default 10 s, a third of the region engine's default exit
+    /// period.
     void setRestartInterval(std::chrono::milliseconds interval);
 
     static constexpr std::chrono::milliseconds defaultRestartInterval{10'000};
