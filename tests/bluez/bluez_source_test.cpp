@@ -1,8 +1,8 @@
 #include "MockBlueZ.h"
 
 #include "quorlix/platform/BlueZSource.h"
-#include "quorlix/platform/Clock.h"
 #include "quorlix/platform/IBeaconAdvert.h"
+#include "quorlix/platform/VirtualClock.h"
 
 #include <gtest/gtest.h>
 
@@ -31,13 +31,6 @@ const QString filterLine =
     QStringLiteral("SetDiscoveryFilter DuplicateData=1 RSSI=-127 Transport=le");
 const QString start = QStringLiteral("StartDiscovery");
 const QString stop = QStringLiteral("StopDiscovery");
-
-class ManualClock : public Clock
-{
-public:
-    std::int64_t nowNs() const override { return now; }
-    std::int64_t now = 0;
-};
 
 // Messages of the source's logging category, as "level: text".
 class CategoryLog
@@ -123,7 +116,7 @@ protected:
 
     CategoryLog log;
     MockBlueZ mock;
-    ManualClock clock;
+    VirtualClock clock;
     QList<Sighting> sightings;
 };
 
@@ -134,12 +127,12 @@ TEST_F(BlueZSourceTest, EveryAdvertOfABeaconBecomesASighting)
     source->setScanning(true);
     ASSERT_TRUE(waitForDiscoveryLog(QStringLiteral("hci0"), {filterLine, start}));
 
-    clock.now = 1000;
+    clock.advanceTo(1000);
     const QString beacon =
         mock.addBeacon(QStringLiteral("hci0"), QStringLiteral("C0:FF:EE:00:00:01"), -61,
                        IBeaconAdvert::appleCompanyId, frame(12, 7));
     ASSERT_TRUE(waitForSightings(1));
-    clock.now = 2000;
+    clock.advanceTo(2000);
     // Identical adverts are not duplicates to drop: each one is a fresh reading.
     mock.advertise(beacon, -70, IBeaconAdvert::appleCompanyId, frame(12, 7));
     mock.advertise(beacon, -70, IBeaconAdvert::appleCompanyId, frame(12, 7));
