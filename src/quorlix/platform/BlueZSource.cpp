@@ -7,10 +7,8 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
-#include <QDBusMetaType>
 #include <QDBusObjectPath>
 #include <QDBusPendingCallWatcher>
-#include <QDBusPendingReply>
 #include <QDBusServiceWatcher>
 #include <QDBusVariant>
 #include <QHash>
@@ -36,8 +34,8 @@
 //   kernel restarts the scan for RSSI updates only for controllers it knows to filter that way.
 //   Restarting our discovery session every few seconds (setRestartInterval) resets that filter,
 //   so every present beacon is heard again well within the engine's exit period.
-// - LE discovery runs in windows: when the kernel ends one, bluetoothd starts the next after an
-//   idle pause of about 5 s. That silence is far below the default 30 s exit period.
+// - When discovery stops underneath bluetoothd while clients still want it, bluetoothd starts it
+//   again after an idle pause of 5 s (IDLE_DISCOV_TIMEOUT): far below the 30 s exit period.
 // - Devices not seen for a while (TemporaryTimeout, 30 s by default) are removed from the object
 //   tree (InterfacesRemoved). That only drops our cache; deciding an exit stays the engine's job.
 // - Objects already in the tree when we start (GetManagedObjects) carry old readings: they seed
@@ -269,8 +267,9 @@ void BlueZSource::Private::addAdapter(const QString& path, const PropertyMap& pr
     Adapter& adapter = m_adapters[path];
     adapter.powered = properties.value(QStringLiteral("Powered")).toBool();
     adapter.session = false;
-    qCInfo(lcBlueZ).noquote() << "adapter" << path << (adapter.powered ? "is on" : "is off");
-    if (!adapter.powered)
+    if (adapter.powered)
+        qCInfo(lcBlueZ).noquote() << "adapter" << path << "is on";
+    else
         qCWarning(lcBlueZ).noquote()
             << "adapter" << path << "is powered off; it is used once it is powered on";
     if (m_wanted && adapter.powered)
