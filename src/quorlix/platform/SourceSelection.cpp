@@ -1,5 +1,6 @@
 #include "quorlix/platform/SourceSelection.h"
 
+#include "quorlix/platform/BlueZSource.h"
 #include "quorlix/platform/EngineLocationManager.h"
 #include "quorlix/platform/RealClock.h"
 #include "quorlix/platform/ReplaySource.h"
@@ -12,18 +13,12 @@ namespace {
 
 Q_LOGGING_CATEGORY(lcSource, "quorlix.platform.location")
 
-// The one place where the BlueZ source is made. It is not part of this build yet; when it is,
-// return it here and everything else (engine, clock, selection) already works with it.
-std::unique_ptr<BeaconSource> makeBlueZSource(QString* problem)
-{
-    *problem = QStringLiteral("the BlueZ source is not available in this build");
-    return nullptr;
-}
-
 std::unique_ptr<BeaconSource> makeSource(const QString& setting, QString* problem)
 {
+    // A missing bluetoothd or adapter is not a reason to refuse: the source waits for them and
+    // says so on its own logging category.
     if (setting == u"bluez")
-        return makeBlueZSource(problem);
+        return std::make_unique<BlueZSource>();
     const qsizetype colon = setting.indexOf(u':');
     const QString kind = setting.left(colon);
     const QString file = colon < 0 ? QString() : setting.mid(colon + 1);
