@@ -32,7 +32,15 @@ DirectoryProcess::DirectoryProcess(const QString& devicesFile)
                                (devices.isEmpty() ? QByteArray() : "'" + devices + "'") + " > '" +
                                log + "'";
     const char* argv[] = {"/bin/sh", "-c", command.constData(), nullptr};
-    if (posix_spawn(&m_pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0)
+    // The service must hold none of our descriptors: a death-test child that starts one would
+    // otherwise keep gtest's pipe open and its parent waiting forever.
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+    const int spawned =
+        posix_spawn(&m_pid, "/bin/sh", &actions, nullptr, const_cast<char**>(argv), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (spawned != 0)
         throw std::runtime_error("cannot start " + program.toStdString());
 
     for (int attempt = 0; attempt < 500 && m_port == 0; ++attempt) {

@@ -23,7 +23,7 @@ public:
 
     void setSink(Sink sink) { m_sink = std::move(sink); }
     /// The clock that stamps sightings; set by the engine before scanning starts.
-    void setClock(const Clock* clock) { m_clock = clock; }
+    void setClock(Clock* clock) { m_clock = clock; }
 
 protected:
     void deliver(const Sighting& sighting) const
@@ -31,11 +31,12 @@ protected:
         if (m_sink)
             m_sink(sighting);
     }
-    const Clock* clock() const { return m_clock; }
+    /// Also runs the source's timers, so that simulated and replayed traffic follows virtual time.
+    Clock* clock() const { return m_clock; }
 
 private:
     Sink m_sink;
-    const Clock* m_clock = nullptr;
+    Clock* m_clock = nullptr;
 };
 
 } // namespace Quorlix

@@ -1,11 +1,10 @@
 #include "quorlix/platform/LocationManager.h"
 
-#include <QLoggingCategory>
+#include "quorlix/platform/SourceSelection.h"
+
 #include <QMutex>
 
 namespace Quorlix {
-
-Q_LOGGING_CATEGORY(lcLocation, "quorlix.platform.location")
 
 LocationManagerDelegate::~LocationManagerDelegate() = default;
 void LocationManagerDelegate::didEnterRegion(LocationManager*, BeaconRegion*) {}
@@ -14,12 +13,6 @@ void LocationManagerDelegate::didRangeBeacons(LocationManager*, const QList<Beac
 {}
 
 namespace {
-
-std::shared_ptr<LocationManager> makeDefault()
-{
-    qCWarning(lcLocation) << "no beacon source is available; the location manager reports nothing";
-    return std::make_shared<LocationManager>();
-}
 
 // Guarded because hosts may install a factory from any thread.
 QMutex factoryMutex;
@@ -37,7 +30,7 @@ std::shared_ptr<LocationManager> LocationManager::create()
         QMutexLocker lock(&factoryMutex);
         factory = installedFactory;
     }
-    return factory ? factory() : makeDefault();
+    return factory ? factory() : SourceSelection::fromEnvironment();
 }
 
 void LocationManager::setFactory(Factory factory)

@@ -1,0 +1,144 @@
+#include "quorlix/ui/DeviceListViewController.h"
+
+#include "quorlix/platform/Fatal.h"
+#include "quorlix/platform/Log.h"
+
+#include <QCoreApplication>
+#include <QLabel>
+#include <QPalette>
+#include <QPushButton>
+#include <QTimer>
+#include <QWindow>
+
+namespace Quorlix {
+
+DeviceListViewController::DeviceListViewController()
+{
+    // A window of its own, never a child: the shared_ptr is its only owner.
+    setWindowFlag(Qt::Window);
+    setWindowTitle(QStringLiteral("List of Nearby Devices"));
+    setFixedSize(300, 420);
+}
+
+DeviceListViewController::~DeviceListViewController()
+{
+    // The table is destroyed after this body; it must not ask a half-destroyed screen for rows.
+    if (table != nullptr)
+        table->setDataSource(nullptr);
+}
+
+void DeviceListViewController::loadViewIfNeeded()
+{
+    if (m_viewLoaded)
+        return;
+    m_viewLoaded = true;
+    viewDidLoad();
+}
+
+void DeviceListViewController::showEvent(QShowEvent* event)
+{
+    loadViewIfNeeded();
+    QWidget::showEvent(event);
+}
+
+void DeviceListViewController::viewDidLoad()
+{
+    QPalette background = palette();
+    background.setColor(QPalette::Window, Qt::white);
+    setPalette(background);
+    setAutoFillBackground(true);
+
+    auto* label = new QLabel(this);
+    label->setGeometry(10, 20, 200, 21);
+    label->setAlignment(Qt::AlignCenter);
+    label->setText(QStringLiteral("List of Nearby Devices"));
+    label->show();
+
+    auto* button = new QPushButton(this);
+    button->setGeometry(200, 20, 100, 50);
+    button->setText(QStringLiteral("Cancel"));
+    // A borderless text button in the accent colour, as a system button looks.
+    button->setFlat(true);
+    QPalette accent = button->palette();
+    accent.setColor(QPalette::ButtonText, QColor(0, 122, 255));
+    button->setPalette(accent);
+    connect(button, &QPushButton::clicked, this, [this, button] { cancelPair(button); });
+    button->show();
+
+    table = new TableView(this);
+    table->setGeometry(0, 120, 300, 300);
+    table->setDataSource(this);
+    table->show();
+}
+
+void DeviceListViewController::cancelPair(QObject*)
+{
+    const auto self = weak_from_this().lock();
+    if (delegate)
+        delegate->itemPaired(QString());
+    Log::line(QStringLiteral("canceling"));
+    dismiss();
+    releaseAfterEventIfLast();
+}
+
+int DeviceListViewController::numberOfRowsInSection(int)
+{
+    return static_cast<int>(items.size());
+}
+
+QString DeviceListViewController::cellForRowAtIndexPath(const QModelIndex& indexPath)
+{
+    if (table == nullptr)
+        Fatal::unwrappedNil();
+    const int row = indexPath.row();
+    if (row < 0 || row >= items.size())
+        Fatal::indexOutOfRange();
+    return items.at(row);
+}
+
+void DeviceListViewController::didSelectRowAtIndexPath(int row)
+{
+    const auto self = weak_from_this().lock();
+    if (delegate) {
+        if (row < 0 || row >= items.size())
+            Fatal::indexOutOfRange();
+        delegate->itemPaired(items.at(row));
+    }
+    dismiss();
+    releaseAfterEventIfLast();
+}
+
+void DeviceListViewController::present(QWidget* host, bool)
+{
+    if (host != nullptr) {
+        // Linking the native windows makes the screen modal to the host without making the host
+        // its QObject parent (which would delete it behind its owner's back).
+        QWidget* hostWindow = host->window();
+        hostWindow->winId();
+        winId();
+        windowHandle()->setTransientParent(hostWindow->windowHandle());
+        setWindowModality(Qt::WindowModal);
+    } else {
+        setWindowModality(Qt::NonModal);
+    }
+    show();
+    activateWindow();
+}
+
+void DeviceListViewController::dismiss(bool)
+{
+    close();
+}
+
+// The delegate may have dropped the last other reference to this screen while it was told of the
+// choice. The screen is then still running a click handler of its own button or table, so the
+// final release is put off until control is back in the event loop.
+void DeviceListViewController::releaseAfterEventIfLast()
+{
+    auto self = weak_from_this().lock();
+    // Two holders: this local and the one taken at the start of the calling operation.
+    if (self && self.use_count() == 2 && QCoreApplication::instance() != nullptr)
+        QTimer::singleShot(0, QCoreApplication::instance(), [self] {});
+}
+
+} // namespace Quorlix

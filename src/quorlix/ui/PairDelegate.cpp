@@ -1,0 +1,7 @@
+#include "quorlix/ui/PairDelegate.h"
+
+namespace Quorlix {
+
+PairDelegate::~PairDelegate() = default;
+
+} // namespace Quorlix

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <QTableView>
+
+namespace Quorlix {
+
+class TableViewDataSource;
+
+/// A one-column list whose rows come from a TableViewDataSource, asked afresh at every
+/// reloadData(); a click on a row reports it to the same source.
+class TableView : public QTableView
+{
+    Q_OBJECT
+
+public:
+    explicit TableView(QWidget* parent = nullptr);
+    ~TableView() override;
+
+    /// Non-owning; the source must outlive the table or be replaced first.
+    void setDataSource(TableViewDataSource* source);
+    TableViewDataSource* dataSource() const;
+
+    /// Drops every row shown and asks the source again.
+    void reloadData();
+
+private:
+    class Model;
+    Model* m_model;
+};
+
+} // namespace Quorlix

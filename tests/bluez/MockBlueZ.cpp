@@ -1,0 +1,178 @@
+#include "MockBlueZ.h"
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusReply>
+#include <QDeadlineTimer>
+#include <QThread>
+#include <QUuid>
+
+#include <stdexcept>
+
+namespace Quorlix::Testing {
+namespace {
+
+const QString service = QStringLiteral("org.bluez");
+
+bool bluezOnBus()
+{
+    return QDBusConnection::systemBus().interface()->isServiceRegistered(service);
+}
+
+void waitForBus(bool present)
+{
+    QDeadlineTimer deadline(10'000);
+    while (bluezOnBus() != present) {
+        if (deadline.hasExpired())
+            throw std::runtime_error(present ? "the mock bluetoothd did not appear on the bus"
+                                             : "the mock bluetoothd did not leave the bus");
+        QThread::msleep(10);
+    }
+}
+
+QDBusMessage callMock(const QString& method, const QVariantList& arguments)
+{
+    auto message = QDBusMessage::createMethodCall(service, QStringLiteral("/"),
+                                                  QStringLiteral("org.bluez.Mock"), method);
+    message.setArguments(arguments);
+    const QDBusMessage reply = QDBusConnection::systemBus().call(message);
+    if (reply.type() != QDBusMessage::ReplyMessage)
+        throw std::runtime_error(
+            QStringLiteral("mock %1 failed: %2").arg(method, reply.errorMessage()).toStdString());
+    return reply;
+}
+
+} // namespace
+
+MockBlueZ::MockBlueZ()
+{
+    start();
+}
+
+MockBlueZ::~MockBlueZ()
+{
+    if (m_process) {
+        m_process->kill();
+        m_process->waitForFinished();
+    }
+}
+
+bool MockBlueZ::onPrivateBus()
+{
+    const QByteArray address = qgetenv("DBUS_SYSTEM_BUS_ADDRESS");
+    return address.contains("quorlix-bus.") && QDBusConnection::systemBus().isConnected();
+}
+
+QByteArray MockBlueZ::iBeaconData(const QString& uuid, quint16 major, quint16 minor, qint8 power)
+{
+    QByteArray data("\x02\x15", 2);
+    data += QUuid::fromString(uuid).toRfc4122();
+    for (const quint16 value : {major, minor}) {
+        data += static_cast<char>(value >> 8);
+        data += static_cast<char>(value & 0xFF);
+    }
+    data += static_cast<char>(power);
+    return data;
+}
+
+void MockBlueZ::stop()
+{
+    if (!m_process)
+        return;
+    m_process->terminate();
+    if (!m_process->waitForFinished(5000)) {
+        m_process->kill();
+        m_process->waitForFinished();
+    }
+    m_process.reset();
+    waitForBus(false);
+}
+
+void MockBlueZ::start()
+{
+    if (!onPrivateBus())
+        throw std::runtime_error("the system bus is not a private test bus; run the test through "
+                                 "tests/bluez/private-bus.sh");
+    if (bluezOnBus())
+        throw std::runtime_error("org.bluez is already owned on the test bus");
+    m_process = std::make_unique<QProcess>();
+    m_process->setProgram(QStringLiteral(QUORLIX_MOCK_PYTHON));
+    m_process->setArguments({QStringLiteral("-m"), QStringLiteral("dbusmock"),
+                             QStringLiteral("--system"), QStringLiteral("--template"),
+                             QStringLiteral(QUORLIX_MOCK_TEMPLATE)});
+    // The mock logs every call on stdout; its errors still reach stderr.
+    m_process->setStandardOutputFile(QProcess::nullDevice());
+    m_process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    m_process->start();
+    if (!m_process->waitForStarted())
+        throw std::runtime_error("cannot run " QUORLIX_MOCK_PYTHON " -m dbusmock (Debian package "
+                                 "python3-dbusmock)");
+    waitForBus(true);
+}
+
+QString MockBlueZ::addAdapter(const QString& name)
+{
+    return callMock(QStringLiteral("AddAdapter"), {name, QStringLiteral("Quorlix test")})
+        .arguments()
+        .value(0)
+        .toString();
+}
+
+void MockBlueZ::removeAdapterWithDevices(const QString& name)
+{
+    callMock(QStringLiteral("RemoveAdapterWithDevices"), {name});
+}
+
+void MockBlueZ::setPowered(const QString& name, bool powered)
+{
+    callMock(QStringLiteral("SetPowered"), {name, powered});
+}
+
+void MockBlueZ::refuseStarts(const QString& name, quint32 count)
+{
+    callMock(QStringLiteral("RefuseStarts"), {name, QVariant::fromValue(count)});
+}
+
+QStringList MockBlueZ::discoveryLog(const QString& name)
+{
+    return callMock(QStringLiteral("DiscoveryLog"), {name}).arguments().value(0).toStringList();
+}
+
+QString MockBlueZ::addBeacon(const QString& adapter, const QString& address, int rssi,
+                             quint16 company, const QByteArray& data)
+{
+    return callMock(QStringLiteral("AddBeacon"),
+                    {adapter, address, QVariant::fromValue(static_cast<qint16>(rssi)),
+                     QVariant::fromValue(company), data})
+        .arguments()
+        .value(0)
+        .toString();
+}
+
+void MockBlueZ::advertise(const QString& devicePath, int rssi, quint16 company,
+                          const QByteArray& data)
+{
+    callMock(QStringLiteral("Advertise"),
+             {devicePath, QVariant::fromValue(static_cast<qint16>(rssi)),
+              QVariant::fromValue(company), data});
+}
+
+void MockBlueZ::changeRssi(const QString& devicePath, int rssi)
+{
+    callMock(QStringLiteral("ChangeRssi"),
+             {devicePath, QVariant::fromValue(static_cast<qint16>(rssi))});
+}
+
+void MockBlueZ::flood(const QStringList& devicePaths, quint32 count, quint16 company,
+                      const QByteArray& data)
+{
+    auto message = QDBusMessage::createMethodCall(
+        service, QStringLiteral("/"), QStringLiteral("org.bluez.Mock"), QStringLiteral("Flood"));
+    message.setArguments(
+        {devicePaths, QVariant::fromValue(count), QVariant::fromValue(company), data});
+    message.setAutoStartService(false);
+    QDBusConnection::systemBus().asyncCall(message, 600'000);
+}
+
+} // namespace Quorlix::Testing
