@@ -157,7 +157,7 @@ QString DemoOptions::usage()
         "  --device ID              device to watch at start (default 1047)\n"
         "  --filter SECONDS         entry/exit filter interval, 0-3600 (default 0)\n"
         "  --exit-period SECONDS    silence after which the watched device is gone, 1-3600\n"
-        "                           (default: the library's, 30)\n"
+        "                           (default 2; the library's own default is 30)\n"
         "  --app-id ID              application ID of the device manager\n"
         "  --headless               run offscreen (also chosen when there is no display)\n"
         "  --seconds N              stop after N seconds (headless default 20)\n"

@@ -39,7 +39,7 @@ public:
     QString source;
     QString device = QStringLiteral("1047");
     int filter = 0;
-    /// Silence after which the watched device counts as gone; absent: the library's default.
+    /// Silence after which the watched device counts as gone; absent: the demo's default.
     std::optional<int> exitPeriod;
     QString appID = QStringLiteral("com.quorlix.demo");
 };

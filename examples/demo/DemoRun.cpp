@@ -26,6 +26,7 @@ void DemoRun::start()
     if (m_plan.autoPair)
         QTimer::singleShot(m_plan.pairAfterMs, m_window, [this] {
             m_window->pair();
+            m_pairStarted = true;
             m_poll.start();
         });
     else if (!m_plan.screenshots.isEmpty())
@@ -51,7 +52,7 @@ void DemoRun::watchPairingScreen()
         saveScreenshot(screen, QStringLiteral("pairing-screen.png"));
         m_screenSaved = true;
     }
-    if (m_plan.autoPair && !m_chosen) {
+    if (m_pairStarted && !m_chosen) {
         m_chosen = true;
         choose();
     }
@@ -106,20 +107,19 @@ void DemoRun::finish()
         return;
     m_finished = true;
     saveScreenshot(m_window, QStringLiteral("main-window.png"));
-    if (m_plan.autoPair && !m_chosen)
+    if (m_pairStarted && !m_chosen)
         m_window->logEvent(QStringLiteral("pair"),
                            QStringLiteral("no device was listed before the end of the run"));
     const DemoWindow::Counts counts = m_window->counts();
     const QString chosen = m_window->chosenKey();
-    const QStringList stored = m_window->storedKeys();
+    const QString stored = DemoWindow::describeKeys(m_window->storedKeys());
     m_window->logEvent(
         QStringLiteral("summary"),
         QStringLiteral("%1 entries, %2 exits, %3 ranging reports, chosen key %4, stored keys %5")
             .arg(counts.entries)
             .arg(counts.exits)
             .arg(counts.rangings)
-            .arg(chosen.isEmpty() ? QStringLiteral("none") : chosen,
-                 stored.isEmpty() ? QStringLiteral("none") : stored.join(u' ')));
+            .arg(chosen.isEmpty() ? QStringLiteral("none") : chosen, stored));
 }
 
 } // namespace QuorlixDemo

@@ -45,6 +45,7 @@ private:
     Plan m_plan;
     QTimer m_poll;
     qint64 m_listedSinceMs = -1;
+    bool m_pairStarted = false;
     bool m_screenSaved = false;
     bool m_chosen = false;
     bool m_finished = false;

@@ -2,6 +2,8 @@
 
 #include "quorlix/Quorlix.h"
 #include "quorlix/pairing/VeskDeviceManager.h"
+#include "quorlix/platform/EngineLocationManager.h"
+#include "quorlix/platform/UserDefaults.h"
 #include "quorlix/ui/DeviceListViewController.h"
 
 #include <QFontDatabase>
@@ -32,6 +34,7 @@ QString orNone(const std::optional<QString>& text)
 DemoWindow::DemoWindow(const Setup& setup, QWidget* parent)
     : QWidget(parent)
     , m_probe(setup.directoryHost)
+    , m_exitPeriod(setup.exitPeriod)
 {
     m_clock.start();
     setWindowTitle(QStringLiteral("Quorlix demo"));
@@ -115,13 +118,7 @@ DemoWindow::DemoWindow(const Setup& setup, QWidget* parent)
     showStoredKeys();
 }
 
-DemoWindow::~DemoWindow()
-{
-    // The device manager and its screen keep each other alive on purpose; the screen must not be
-    // deleted as this window's child while that pair still holds it.
-    if (QWidget* screen = pairingScreen())
-        screen->setParent(nullptr);
-}
+DemoWindow::~DemoWindow() = default;
 
 void DemoWindow::logEvent(const QString& kind, const QString& text)
 {
@@ -153,6 +150,19 @@ void DemoWindow::startWatching(const QString& id, const QString& majorMinor)
     logEvent(QStringLiteral("watch"), QStringLiteral("device %1, beacon %2").arg(id, majorMinor));
     m_eventManager = Quorlix::VeskEventManager::create(id);
     m_eventManager->filter(m_filterField->value());
+    if (m_exitPeriod) {
+        // The exit period belongs to the region engine behind the location manager, which the
+        // library's API does not reach; a host that wants another one sets it there.
+        auto* engineManager =
+            dynamic_cast<Quorlix::EngineLocationManager*>(m_eventManager->locationManager.get());
+        if (engineManager)
+            engineManager->engine().setExitPeriodNs(static_cast<std::int64_t>(*m_exitPeriod) *
+                                                    1'000'000'000);
+        else
+            logEvent(QStringLiteral("note"),
+                     QStringLiteral("exit period not set: this location manager has no "
+                                    "region engine"));
+    }
     m_watched = id;
 
     // The handlers may outlive the window: a pending delayed report holds its manager.
@@ -177,9 +187,8 @@ void DemoWindow::startWatching(const QString& id, const QString& majorMinor)
                        QStringLiteral("device %1  rssi %2 dBm  distance %3")
                            .arg(id, orNone(device->rssi), orNone(device->distance)));
     });
-    m_watchStatus->setText(QStringLiteral("Watching device %1 (beacon %2), filter %3 s")
-                               .arg(id, majorMinor)
-                               .arg(m_filterField->value()));
+    m_watchedBeacon = majorMinor;
+    showWatchStatus();
 }
 
 void DemoWindow::applyFilter(int seconds)
@@ -187,8 +196,18 @@ void DemoWindow::applyFilter(int seconds)
     if (!m_eventManager)
         return;
     m_eventManager->filter(seconds);
-    m_watchStatus->setText(
-        QStringLiteral("Watching device %1, filter %2 s").arg(m_watched).arg(seconds));
+    showWatchStatus();
+}
+
+void DemoWindow::showWatchStatus()
+{
+    const QString exitPeriod = m_exitPeriod ? QStringLiteral("%1 s").arg(*m_exitPeriod)
+                                            : QStringLiteral("as the source has it");
+    m_watchStatus->setText(QStringLiteral("Watching device %1 (beacon %2), filter %3 s, exit "
+                                          "period %4")
+                               .arg(m_watched, m_watchedBeacon)
+                               .arg(m_filterField->value())
+                               .arg(exitPeriod));
 }
 
 void DemoWindow::pair()
@@ -209,7 +228,6 @@ void DemoWindow::pair()
         QTimer::singleShot(0, self, [self] {
             self->m_deviceManager->stopLooking();
             self->showStoredKeys();
-            emit self->pairingFinished(self->m_chosenKey);
         });
     });
 }
@@ -219,19 +237,23 @@ Quorlix::DeviceListViewController* DemoWindow::pairingScreen() const
     return m_deviceManager ? m_deviceManager->listViewController.get() : nullptr;
 }
 
-QStringList DemoWindow::storedKeys() const
+std::optional<QStringList> DemoWindow::storedKeys() const
 {
-    return Quorlix::UserDefaults::standard().stringArrayForKey(
-        m_deviceManager->veskDeviceKeysConstant);
+    return Quorlix::UserDefaults::standard().stringArray(m_deviceManager->veskDeviceKeysConstant);
 }
 
 void DemoWindow::showStoredKeys()
 {
-    const QStringList keys = storedKeys();
-    m_storedLabel->setText(keys.isEmpty() ? QStringLiteral("none") : keys.join(u", "));
-    logEvent(QStringLiteral("store"),
-             QStringLiteral("stored keys: %1")
-                 .arg(keys.isEmpty() ? QStringLiteral("none") : keys.join(u' ')));
+    const QString text = describeKeys(storedKeys());
+    m_storedLabel->setText(text);
+    logEvent(QStringLiteral("store"), QStringLiteral("stored keys: %1").arg(text));
+}
+
+QString DemoWindow::describeKeys(const std::optional<QStringList>& keys)
+{
+    if (!keys)
+        return QStringLiteral("none (nothing stored yet)");
+    return keys->isEmpty() ? QStringLiteral("none") : keys->join(u' ');
 }
 
 } // namespace QuorlixDemo

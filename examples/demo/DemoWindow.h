@@ -6,6 +6,7 @@
 #include <QWidget>
 
 #include <memory>
+#include <optional>
 
 class QLabel;
 class QLineEdit;
@@ -35,6 +36,7 @@ public:
         QString sourceDescription;    ///< the location source in use
         QString device;               ///< the ID in the field at start
         int filter = 0;
+        std::optional<int> exitPeriod; ///< seconds; absent: the library's default
         QString appID;
     };
 
@@ -58,8 +60,10 @@ public:
     void pair();
     /// The list screen of the pairing under way or last done; null before the first pair().
     Quorlix::DeviceListViewController* pairingScreen() const;
-    /// The device keys in the key store, in stored order.
-    QStringList storedKeys() const;
+    /// The device keys in the key store, in stored order; nothing when none were ever stored.
+    std::optional<QStringList> storedKeys() const;
+    /// The keys as the log and the window show them.
+    static QString describeKeys(const std::optional<QStringList>& keys);
     Counts counts() const { return m_counts; }
     /// The key the last pairing chose; empty before one, or after a cancel.
     QString chosenKey() const { return m_chosenKey; }
@@ -67,19 +71,18 @@ public:
     /// Appends a line to the event log and prints it on stdout.
     void logEvent(const QString& kind, const QString& text);
 
-signals:
-    /// A pairing ended; key is empty on a cancel.
-    void pairingFinished(const QString& key);
-
 private:
     void showStoredKeys();
     void applyFilter(int seconds);
+    void showWatchStatus();
 
     DirectoryProbe m_probe;
     QElapsedTimer m_clock;
     std::shared_ptr<Quorlix::VeskEventManager> m_eventManager;
     std::shared_ptr<Quorlix::VeskDeviceManager> m_deviceManager;
+    std::optional<int> m_exitPeriod;
     QString m_watched;
+    QString m_watchedBeacon;
     QString m_chosenKey;
     Counts m_counts;
 

@@ -9,10 +9,11 @@
 
 #include "DirectoryServer.h"
 
+#include "quorlix/platform/UserDefaults.h"
+
 #include <QApplication>
 #include <QDir>
 #include <QFileInfo>
-#include <QSettings>
 
 #include <cstdio>
 #include <exception>
@@ -48,11 +49,12 @@ QString dataFile(const QString& relative, const QString& sourceTreePath)
     return {};
 }
 
-// The offscreen platform warns about every window it cannot resize for a window manager; that is
-// noise in a headless event log.
+// The offscreen platform warns about every window it cannot resize for a window manager, and a
+// bare session has no runtime directory; both are noise in a headless event log.
 void dropOffscreenNoise(QtMsgType type, const QMessageLogContext& context, const QString& message)
 {
-    if (message.startsWith(QStringLiteral("This plugin does not support")))
+    if (message.startsWith(QStringLiteral("This plugin does not support")) ||
+        message.startsWith(QStringLiteral("QStandardPaths: XDG_RUNTIME_DIR not set")))
         return;
     qt_message_output(type, context, message);
 }
@@ -141,10 +143,14 @@ int main(int argc, char** argv)
     setup.sourceDescription = source;
     setup.device = options.device;
     setup.filter = options.filter;
+    // Shorter than the library's 30 s, so that a run of the shipped scenario shows an exit too.
+    setup.exitPeriod = options.exitPeriod.value_or(2);
     setup.appID = options.appID;
     printLine(stdout, QStringLiteral("quorlix-demo: directory %1").arg(setup.directoryDescription));
     printLine(stdout, QStringLiteral("quorlix-demo: beacons from %1").arg(source));
-    printLine(stdout, QStringLiteral("quorlix-demo: key store in %1").arg(QSettings().fileName()));
+    printLine(stdout, QStringLiteral("quorlix-demo: key store in %1")
+                          .arg(Quorlix::UserDefaults::standard().fileName()));
+    printLine(stdout, QStringLiteral("quorlix-demo: exit period %1 s").arg(*setup.exitPeriod));
     printLine(stdout, QStringLiteral("quorlix-demo: %1")
                           .arg(headless ? QStringLiteral("headless (offscreen)")
                                         : QStringLiteral("on the display")));

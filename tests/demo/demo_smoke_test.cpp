@@ -84,7 +84,7 @@ TEST(DemoSmoke, HeadlessRunWatchesPairsStoresAndTakesScreenshots)
     const QStringList rangings = events(run.out, "range");
     EXPECT_GE(rangings.size(), 3) << log;
     const QRegularExpression ranging(
-        QStringLiteral("^device 1047  rssi -[0-9]+ dBm  distance (Immediate|Near|Far|Unknown)$"));
+        QStringLiteral("^device 1047  rssi -?[0-9]+ dBm  distance (Immediate|Near|Far|Unknown)$"));
     for (const QString& line : rangings)
         EXPECT_TRUE(ranging.match(line).hasMatch()) << line.toStdString();
 
