@@ -1,5 +1,5 @@
-# cmake -P script: install BUILD_DIR into WORK_DIR/prefix, then build and run CONSUMER_DIR against
-# that prefix only.
+# cmake -P script: install BUILD_DIR into WORK_DIR/prefix, check that the EXPECTED files are there,
+# then build and run CONSUMER_DIR against that prefix only.
 foreach(var BUILD_DIR WORK_DIR CONSUMER_DIR GENERATOR CXX_COMPILER)
     if(NOT DEFINED ${var} OR "${${var}}" STREQUAL "")
         message(FATAL_ERROR "BuildConsumer.cmake: ${var} is not set")
@@ -18,8 +18,7 @@ function(run step)
 endfunction()
 
 run("install" ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
-foreach(installed include/quorlix/Quorlix.h include/quorlix/events/VeskEventManager.h
-        bin/quorlix-directory share/quorlix/devices.json)
+foreach(installed IN LISTS EXPECTED)
     if(NOT EXISTS ${prefix}/${installed})
         message(FATAL_ERROR "install did not provide ${installed}")
     endif()
