@@ -2,8 +2,8 @@
 // and monitoring running) and memory over 10 M sightings of a rotating population.
 //
 //   bench_engine [--benchmark_filter=...]
-#include "quorlix/platform/RegionEngine.h"
-#include "quorlix/platform/VirtualClock.h"
+#include "quorlix/location/RegionEngine.h"
+#include "quorlix/location/VirtualClock.h"
 
 #include <benchmark/benchmark.h>
 

@@ -6,10 +6,10 @@
 // the hysteresis margin on a beacon standing on the Near/Far limit.
 //
 //   engine_quality [scenario.json]
-#include "quorlix/platform/ProximityFilter.h"
-#include "quorlix/platform/RegionEngine.h"
-#include "quorlix/platform/SimulatedSource.h"
-#include "quorlix/platform/VirtualClock.h"
+#include "quorlix/location/ProximityFilter.h"
+#include "quorlix/location/RegionEngine.h"
+#include "quorlix/location/VirtualClock.h"
+#include "quorlix/location/sources/SimulatedSource.h"
 
 #include <QCoreApplication>
 
@@ -48,8 +48,7 @@ double seconds(std::int64_t ns)
 }
 
 // When the beacon first appears on its path, and when it first falls silent after that.
-std::pair<std::optional<double>, std::optional<double>>
-presence(const SimulatedSource::ScenarioBeacon& beacon)
+std::pair<std::optional<double>, std::optional<double>> presence(const ScenarioBeacon& beacon)
 {
     std::optional<double> arrival, departure;
     for (const auto& point : beacon.path) {
@@ -129,7 +128,7 @@ void printRow(const char* who, const Figures& f)
                 f.falseExits, f.flipsPerMinute, f.heardFlipsPerMinute);
 }
 
-std::int64_t scenarioEnd(const SimulatedSource::Scenario& scenario)
+std::int64_t scenarioEnd(const Scenario& scenario)
 {
     double end = 0;
     for (const auto& beacon : scenario.beacons)
@@ -138,7 +137,7 @@ std::int64_t scenarioEnd(const SimulatedSource::Scenario& scenario)
     return static_cast<std::int64_t>((end + 60) * 1e9);
 }
 
-void runScenario(const SimulatedSource::Scenario& scenario)
+void runScenario(const Scenario& scenario)
 {
     VirtualClock clock;
     RegionEngine engine(clock);
@@ -233,9 +232,9 @@ SweepResult sweepOne(ProximityFilter::Tuning tuning, double distanceM, double ne
                      double intervalS)
 {
     constexpr double hour = 3600;
-    SimulatedSource::Scenario scenario;
+    Scenario scenario;
     scenario.seed = 99;
-    SimulatedSource::ScenarioBeacon beacon;
+    ScenarioBeacon beacon;
     beacon.uuid = QUuid::fromString(QStringLiteral("E1876979-75B5-43DE-92CB-2BC1AD6BA999"));
     beacon.intervalS = intervalS;
     beacon.loss = 0.3;
@@ -303,7 +302,7 @@ int main(int argc, char** argv)
     const QString path = argc > 1 ? QString::fromLocal8Bit(argv[1])
                                   : QStringLiteral(QUORLIX_SCENARIO_DIR "/stationary.json");
     QString error;
-    const std::optional<SimulatedSource::Scenario> scenario = SimulatedSource::load(path, &error);
+    const std::optional<Scenario> scenario = Scenario::load(path, &error);
     if (!scenario) {
         std::fprintf(stderr, "engine_quality: %s\n", qPrintable(error));
         return 1;

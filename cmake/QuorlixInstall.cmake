@@ -1,16 +1,14 @@
-# Installs the library, its headers (keeping the quorlix/<folder>/ layout that the includes use),
-# the CMake package that find_package(Quorlix) reads, and the development directory service.
+# Installs the library with its public headers (the quorlix/<folder>/ layout that the includes
+# use), the CMake package that find_package(Quorlix) reads, a pkg-config file, and the tools.
 include(CMakePackageConfigHelpers)
 
 set(QUORLIX_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/Quorlix)
 
 install(TARGETS quorlix EXPORT QuorlixTargets
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/quorlix
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-    FILES_MATCHING PATTERN "*.h")
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT Development
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+    FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT QuorlixTargets
     NAMESPACE Quorlix::
     DESTINATION ${QUORLIX_INSTALL_CMAKEDIR})
@@ -24,8 +22,28 @@ install(FILES ${PROJECT_BINARY_DIR}/QuorlixConfig.cmake
     ${PROJECT_BINARY_DIR}/QuorlixConfigVersion.cmake
     DESTINATION ${QUORLIX_INSTALL_CMAKEDIR})
 
+# pkg-config. Debian's Qt 6 ships no .pc files, so the Qt flags are written out here; a static
+# library also names its private dependencies for the consumer's link.
+set(qt_modules Qt6::Widgets Qt6::Gui Qt6::Core)
+if(NOT BUILD_SHARED_LIBS)
+    list(PREPEND qt_modules Qt6::DBus)
+    set(QUORLIX_PC_LIBS_EXTRA " -lcurl")
+endif()
+set(QUORLIX_PC_QT_CFLAGS "")
+set(QUORLIX_PC_QT_LIBS "")
+foreach(module ${qt_modules})
+    string(APPEND QUORLIX_PC_QT_CFLAGS
+           " -I$<JOIN:$<TARGET_PROPERTY:${module},INTERFACE_INCLUDE_DIRECTORIES>, -I>")
+    string(APPEND QUORLIX_PC_QT_LIBS " $<TARGET_LINKER_FILE:${module}>")
+endforeach()
+configure_file(${PROJECT_SOURCE_DIR}/cmake/quorlix.pc.in ${PROJECT_BINARY_DIR}/quorlix.pc.in @ONLY)
+file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/quorlix.pc INPUT ${PROJECT_BINARY_DIR}/quorlix.pc.in)
+install(FILES ${PROJECT_BINARY_DIR}/quorlix.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
 # Programs find their data in <prefix>/share/quorlix, next to their own bin directory.
 set(QUORLIX_INSTALL_DATADIR ${CMAKE_INSTALL_DATADIR}/quorlix)
-install(TARGETS quorlix-directory RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(FILES ${PROJECT_SOURCE_DIR}/tools/directory/devices.json
-    DESTINATION ${QUORLIX_INSTALL_DATADIR})
+if(TARGET quorlix-directory AND QUORLIX_BUILD_TOOLS)
+    install(TARGETS quorlix-directory RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    install(FILES ${PROJECT_SOURCE_DIR}/tools/directory/devices.json
+        DESTINATION ${QUORLIX_INSTALL_DATADIR})
+endif()

@@ -2,7 +2,7 @@
 // the consumer: Quorlix's BlueZSource (sightings at its sink) and, on the same feed, Qt's own
 // QBluetoothDeviceDiscoveryAgent (deviceDiscovered + deviceUpdated). Needs a private system bus:
 //
-//   tests/bluez/private-bus.sh build/bench/bluez/bench_bluez
+//   tests/support/private-bus.sh build/bench/bluez/bench_bluez
 //
 // Two figures per consumer:
 // - live: the mock sends while the consumer runs; adverts/s reaching the consumer, and how many
@@ -13,8 +13,8 @@
 
 #include "MockBlueZ.h"
 
-#include "quorlix/platform/BlueZSource.h"
-#include "quorlix/platform/IBeaconAdvert.h"
+#include "quorlix/location/sources/BlueZSource.h"
+#include "quorlix/location/sources/IBeaconAdvert.h"
 
 #include <benchmark/benchmark.h>
 
@@ -222,7 +222,7 @@ int main(int argc, char** argv)
     if (!MockBlueZ::onPrivateBus()) {
         std::fprintf(stderr,
                      "bench_bluez needs a private system bus: run it as\n"
-                     "  tests/bluez/private-bus.sh %s\n",
+                     "  tests/support/private-bus.sh %s\n",
                      argv[0]);
         return 1;
     }

@@ -2,7 +2,6 @@
 
 #include "quorlix/Quorlix.h"
 #include "quorlix/pairing/VeskDeviceManager.h"
-#include "quorlix/platform/EngineLocationManager.h"
 #include "quorlix/platform/UserDefaults.h"
 #include "quorlix/ui/DeviceListViewController.h"
 
@@ -151,17 +150,12 @@ void DemoWindow::startWatching(const QString& id, const QString& majorMinor)
     m_eventManager = Quorlix::VeskEventManager::create(id);
     m_eventManager->filter(m_filterField->value());
     if (m_exitPeriod) {
-        // The exit period belongs to the region engine behind the location manager, which the
-        // library's API does not reach; a host that wants another one sets it there.
-        auto* engineManager =
-            dynamic_cast<Quorlix::EngineLocationManager*>(m_eventManager->locationManager.get());
-        if (engineManager)
-            engineManager->engine().setExitPeriodNs(static_cast<std::int64_t>(*m_exitPeriod) *
-                                                    1'000'000'000);
-        else
+        Quorlix::LocationSettings settings = m_eventManager->locationManager->settings();
+        settings.exitPeriod = std::chrono::seconds(*m_exitPeriod);
+        QString problem;
+        if (!m_eventManager->locationManager->applySettings(settings, &problem))
             logEvent(QStringLiteral("note"),
-                     QStringLiteral("exit period not set: this location manager has no "
-                                    "region engine"));
+                     QStringLiteral("exit period not set: %1").arg(problem));
     }
     m_watched = id;
 

@@ -5,11 +5,11 @@
 
 #include "quorlix/Version.h"
 #include "quorlix/events/VeskEventManager.h"
+#include "quorlix/location/Beacon.h"
+#include "quorlix/location/LocationManager.h"
 #include "quorlix/model/BeaconFamily.h"
 #include "quorlix/model/VeskDevice.h"
 #include "quorlix/pairing/VeskDeviceManager.h"
-#include "quorlix/platform/Beacon.h"
-#include "quorlix/platform/LocationManager.h"
 #include "quorlix/platform/UserDefaults.h"
 #include "quorlix/ui/DeviceListViewController.h"
 #include "quorlix/ui/PairDelegate.h"

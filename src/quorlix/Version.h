@@ -1,8 +1,10 @@
 #pragma once
 
+#include "quorlix/Export.h"
+
 extern "C" {
 /// The library's version number, 1.0.
-extern const double QuorlixVersionNumber;
+QUORLIX_EXPORT extern const double QuorlixVersionNumber;
 /// The library's "what" version text, ending with a line end.
-extern const unsigned char QuorlixVersionString[];
+QUORLIX_EXPORT extern const unsigned char QuorlixVersionString[];
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "quorlix/platform/LocationManager.h"
+#include "quorlix/location/LocationManager.h"
 
 #include <QStringList>
 

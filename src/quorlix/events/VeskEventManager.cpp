@@ -16,7 +16,7 @@ constexpr char className[] = "Quorlix.VeskEventManager";
 LocationManager& require(const std::shared_ptr<LocationManager>& manager)
 {
     if (!manager)
-        Fatal::unwrappedNil();
+        Fatal::noLocationManager();
     return *manager;
 }
 
@@ -31,7 +31,7 @@ std::int64_t parsePiece(QStringView text)
 {
     const std::optional<std::int64_t> value = Checked::parseInt64(text);
     if (!value)
-        Fatal::unwrappedNil();
+        Fatal::notANumber();
     return *value;
 }
 
@@ -93,7 +93,7 @@ void VeskEventManager::initWithDeviceID(const QString& deviceID)
 
     const QUuid uuid = BeaconFamily::proximityUUID();
     if (uuid.isNull())
-        Fatal::unwrappedNil();
+        Fatal::noFamilyUUID();
     const quint16 regionMajor = Checked::toUInt16(major);
     const quint16 regionMinor = Checked::toUInt16(minor);
 

@@ -1,7 +1,9 @@
 #pragma once
 
+#include "quorlix/Export.h"
+
+#include "quorlix/location/LocationManager.h"
 #include "quorlix/model/VeskDevice.h"
-#include "quorlix/platform/LocationManager.h"
 
 #include <QDateTime>
 #include <QObject>
@@ -18,9 +20,9 @@ namespace Quorlix {
 /// then the region, then monitoring, ranging and location updates. Every failure on the way stops
 /// the process. Everything runs on the thread that created the manager, which must be the thread of
 /// the QCoreApplication instance for entry and exit reports to be delivered.
-class VeskEventManager : public QObject,
-                         public LocationManagerDelegate,
-                         public std::enable_shared_from_this<VeskEventManager>
+class QUORLIX_EXPORT VeskEventManager : public QObject,
+                                        public LocationManagerDelegate,
+                                        public std::enable_shared_from_this<VeskEventManager>
 {
     Q_OBJECT
     Q_PROPERTY(std::shared_ptr<Quorlix::LocationManager> locationManager MEMBER locationManager)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "quorlix/Export.h"
+
 #include <QString>
 #include <QUuid>
 
@@ -13,9 +15,9 @@ inline constexpr char16_t proximityUUIDText[] = u"E1876979-75B5-43DE-92CB-2BC1AD
 inline constexpr char16_t regionIdentifier[] = u"VeskDevice";
 
 /// The proximity UUID parsed from its text; null if the text were not a UUID.
-QUuid proximityUUID();
+QUORLIX_EXPORT QUuid proximityUUID();
 
 /// Major-minor text: major, "-", minor, both decimal without leading zeros ("1200-7").
-QString majorMinorText(quint16 major, quint16 minor);
+QUORLIX_EXPORT QString majorMinorText(quint16 major, quint16 minor);
 
 } // namespace Quorlix::BeaconFamily

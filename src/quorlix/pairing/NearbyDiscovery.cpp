@@ -11,14 +11,14 @@ namespace {
 DeviceListViewController& require(const std::shared_ptr<DeviceListViewController>& screen)
 {
     if (!screen)
-        Fatal::unwrappedNil();
+        Fatal::noListScreen();
     return *screen;
 }
 
 TableView& requireTable(DeviceListViewController& screen)
 {
     if (screen.table == nullptr)
-        Fatal::unwrappedNil();
+        Fatal::noTable();
     return *screen.table;
 }
 

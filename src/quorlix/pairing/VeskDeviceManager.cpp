@@ -16,14 +16,14 @@ constexpr char className[] = "Quorlix.VeskDeviceManager";
 LocationManager& require(const std::shared_ptr<LocationManager>& manager)
 {
     if (!manager)
-        Fatal::unwrappedNil();
+        Fatal::noLocationManager();
     return *manager;
 }
 
 DeviceListViewController& require(const std::shared_ptr<DeviceListViewController>& screen)
 {
     if (!screen)
-        Fatal::unwrappedNil();
+        Fatal::noListScreen();
     return *screen;
 }
 
@@ -117,7 +117,7 @@ void VeskDeviceManager::startLooking()
 {
     const QUuid uuid = BeaconFamily::proximityUUID();
     if (uuid.isNull())
-        Fatal::unwrappedNil();
+        Fatal::noFamilyUUID();
     beaconRegion = std::make_shared<BeaconRegion>(BeaconRegion{
         uuid, std::nullopt, std::nullopt, QString::fromUtf16(BeaconFamily::regionIdentifier)});
     require(locationManager).startMonitoring(beaconRegion);
@@ -153,7 +153,7 @@ void VeskDeviceManager::itemPaired(const QString& item)
     // A copy: the completion may replace itself while it runs.
     const PairingCompletion completion = pairCompletion;
     if (!completion)
-        Fatal::unwrappedNil();
+        Fatal::noPairingCompletion();
     completion(item);
 }
 

@@ -1,7 +1,9 @@
 #pragma once
 
+#include "quorlix/Export.h"
+
+#include "quorlix/location/LocationManager.h"
 #include "quorlix/model/VeskDevice.h"
-#include "quorlix/platform/LocationManager.h"
 #include "quorlix/ui/DeviceListViewController.h"
 #include "quorlix/ui/PairDelegate.h"
 
@@ -24,10 +26,10 @@ namespace Quorlix {
 /// Made only through create(); everything runs on the thread that made it, which must be the
 /// thread of the QApplication instance. While a screen is up, the manager and the screen hold each
 /// other (listViewController and the screen's delegate); clear one of the two to release both.
-class VeskDeviceManager : public QObject,
-                          public LocationManagerDelegate,
-                          public PairDelegate,
-                          public std::enable_shared_from_this<VeskDeviceManager>
+class QUORLIX_EXPORT VeskDeviceManager : public QObject,
+                                         public LocationManagerDelegate,
+                                         public PairDelegate,
+                                         public std::enable_shared_from_this<VeskDeviceManager>
 {
     Q_OBJECT
     Q_PROPERTY(QString veskDeviceKeysConstant MEMBER veskDeviceKeysConstant)

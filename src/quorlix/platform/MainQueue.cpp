@@ -31,7 +31,7 @@ void schedule(std::int64_t remainingMs, std::shared_ptr<std::function<void()>> a
 void after(std::int64_t delayNanoseconds, std::function<void()> action)
 {
     if (QCoreApplication::instance() == nullptr)
-        Fatal::unwrappedNil();
+        Fatal::noMainQueue();
     // Round up: the action must never run before its time.
     const std::int64_t delayMs =
         delayNanoseconds <= 0 ? 0 : delayNanoseconds / 1000000 + (delayNanoseconds % 1000000 != 0);

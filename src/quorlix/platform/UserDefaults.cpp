@@ -1,5 +1,7 @@
 #include "quorlix/platform/UserDefaults.h"
 
+#include "quorlix/LoggingCategories.h"
+
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
@@ -8,7 +10,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QLoggingCategory>
+
 #include <QSettings>
 #include <QStandardPaths>
 
@@ -18,8 +20,6 @@
 
 namespace Quorlix {
 namespace {
-
-Q_LOGGING_CATEGORY(defaultsLog, "quorlix.platform.defaults")
 
 // Qt's INI format cannot keep a list apart from a text (a one-element list reads back as a text)
 // and writes an empty list as @Invalid(), which reads back as nothing. JSON keeps each value's
@@ -84,19 +84,19 @@ bool prepareOwnerOnlyFile(const QString& fileName)
 {
     const QFileInfo info(fileName);
     if (!QDir().mkpath(info.absolutePath())) {
-        qCWarning(defaultsLog) << "cannot create the folder of" << fileName;
+        qCWarning(lcDefaults) << "cannot create the folder of" << fileName;
         return false;
     }
     const QByteArray path = QFile::encodeName(fileName);
     const int fd = ::open(path.constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     if (fd < 0) {
-        qCWarning(defaultsLog) << "cannot create" << fileName;
+        qCWarning(lcDefaults) << "cannot create" << fileName;
         return false;
     }
     const bool owned = ::fchmod(fd, 0600) == 0;
     ::close(fd);
     if (!owned)
-        qCWarning(defaultsLog) << "cannot restrict the permissions of" << fileName;
+        qCWarning(lcDefaults) << "cannot restrict the permissions of" << fileName;
     return owned;
 }
 
@@ -117,11 +117,11 @@ bool setAsideUnreadable(const QString& fileName)
     const QString aside = fileName + QStringLiteral(".unreadable-") +
                           QDateTime::currentDateTimeUtc().toString(u"yyyyMMddTHHmmsszzz");
     if (!QFile::rename(fileName, aside)) {
-        qCWarning(defaultsLog) << fileName << "is not a valid store and cannot be moved aside;"
-                               << "leaving it untouched";
+        qCWarning(lcDefaults) << fileName << "is not a valid store and cannot be moved aside;"
+                              << "leaving it untouched";
         return false;
     }
-    qCWarning(defaultsLog) << fileName << "is not a valid store; moved it to" << aside;
+    qCWarning(lcDefaults) << fileName << "is not a valid store; moved it to" << aside;
     return true;
 }
 
@@ -166,7 +166,7 @@ bool UserDefaults::setStringArray(const QString& key, const QStringList& list)
     settings.setValue(key, list);
     settings.sync();
     if (settings.status() != QSettings::NoError) {
-        qCWarning(defaultsLog) << "cannot write" << m_fileName << "status" << settings.status();
+        qCWarning(lcDefaults) << "cannot write" << m_fileName << "status" << settings.status();
         return false;
     }
     return true;

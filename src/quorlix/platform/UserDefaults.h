@@ -1,5 +1,7 @@
 #pragma once
 
+#include "quorlix/Export.h"
+
 #include <QString>
 #include <QStringList>
 
@@ -14,7 +16,7 @@ namespace Quorlix {
 /// An empty list and an absent entry stay apart, and a value that is not a list of texts reads as
 /// no list. Every write replaces the file as a whole (written aside, then renamed over it), so a
 /// crash mid-save leaves the previous contents; the file is readable by its owner only.
-class UserDefaults
+class QUORLIX_EXPORT UserDefaults
 {
 public:
     /// The store of the running application.

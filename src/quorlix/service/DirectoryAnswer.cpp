@@ -129,7 +129,7 @@ QVariant parse(const QByteArray& data)
 {
     const Json json = Json::parse(data.cbegin(), data.cend(), nullptr, false);
     if (json.is_discarded())
-        Fatal::unwrappedNil();
+        Fatal::answerNotJson();
     return toVariant(json);
 }
 

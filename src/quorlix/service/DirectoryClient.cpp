@@ -72,14 +72,14 @@ bool isValidUrl(const QString& text)
 QByteArray fetch(const QString& url)
 {
     if (!isValidUrl(url))
-        Fatal::unwrappedNil();
+        Fatal::invalidUrl();
 
     static std::once_flag curlInitialised;
     std::call_once(curlInitialised, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 
     EasyHandle easy;
     if (easy.handle == nullptr)
-        Fatal::unwrappedNil();
+        Fatal::noHttpClient();
     const QByteArray address = url.toUtf8();
     QByteArray body;
     curl_easy_setopt(easy.handle, CURLOPT_URL, address.constData());
@@ -88,7 +88,7 @@ QByteArray fetch(const QString& url)
     curl_easy_setopt(easy.handle, CURLOPT_WRITEFUNCTION, &appendToBody);
     curl_easy_setopt(easy.handle, CURLOPT_WRITEDATA, &body);
     if (curl_easy_perform(easy.handle) != CURLE_OK)
-        Fatal::unwrappedNil();
+        Fatal::noDirectoryData();
     return body;
 }
 

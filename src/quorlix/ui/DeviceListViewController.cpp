@@ -89,7 +89,7 @@ int DeviceListViewController::numberOfRowsInSection(int)
 QString DeviceListViewController::cellForRowAtIndexPath(const QModelIndex& indexPath)
 {
     if (table == nullptr)
-        Fatal::unwrappedNil();
+        Fatal::noTable();
     const int row = indexPath.row();
     if (row < 0 || row >= items.size())
         Fatal::indexOutOfRange();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "quorlix/Export.h"
+
 #include "quorlix/ui/PairDelegate.h"
 #include "quorlix/ui/TableView.h"
 #include "quorlix/ui/TableViewDataSource.h"
@@ -21,9 +23,10 @@ namespace Quorlix {
 /// Owned by a std::shared_ptr and never by a QObject parent: present() shows it as a window of its
 /// own, modal to the host's window, and only links the two windows, so neither the host nor Qt
 /// ever deletes it. It may be released while shown; it then simply disappears.
-class DeviceListViewController : public QWidget,
-                                 public TableViewDataSource,
-                                 public std::enable_shared_from_this<DeviceListViewController>
+class QUORLIX_EXPORT DeviceListViewController
+    : public QWidget,
+      public TableViewDataSource,
+      public std::enable_shared_from_this<DeviceListViewController>
 {
     Q_OBJECT
     Q_PROPERTY(QStringList items MEMBER items)

@@ -1,11 +1,13 @@
 #pragma once
 
+#include "quorlix/Export.h"
+
 #include <QString>
 
 namespace Quorlix {
 
 /// Receives the choice made on the device list screen.
-class PairDelegate
+class QUORLIX_EXPORT PairDelegate
 {
 public:
     virtual ~PairDelegate();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "quorlix/Export.h"
+
 #include <QTableView>
 
 namespace Quorlix {
@@ -8,7 +10,7 @@ class TableViewDataSource;
 
 /// A one-column list whose rows come from a TableViewDataSource, asked afresh at every
 /// reloadData(); a click on a row reports it to the same source.
-class TableView : public QTableView
+class QUORLIX_EXPORT TableView : public QTableView
 {
     Q_OBJECT
 

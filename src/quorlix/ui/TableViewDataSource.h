@@ -1,5 +1,7 @@
 #pragma once
 
+#include "quorlix/Export.h"
+
 #include <QModelIndex>
 #include <QString>
 
@@ -7,7 +9,7 @@ namespace Quorlix {
 
 /// What a TableView asks of its owner: the rows of its one section, their texts, and what to do
 /// with a row the user picked.
-class TableViewDataSource
+class QUORLIX_EXPORT TableViewDataSource
 {
 public:
     virtual ~TableViewDataSource() = default;

@@ -1,0 +1,7 @@
+#include "quorlix/location/Clock.h"
+
+namespace Quorlix {
+
+Clock::~Clock() = default;
+
+} // namespace Quorlix

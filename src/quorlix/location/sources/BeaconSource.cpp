@@ -1,0 +1,7 @@
+#include "quorlix/location/sources/BeaconSource.h"
+
+namespace Quorlix {
+
+BeaconSource::~BeaconSource() = default;
+
+} // namespace Quorlix

@@ -1,0 +1,111 @@
+#include "quorlix/location/EngineLocationManager.h"
+#include "quorlix/events/VeskEventManager.h"
+#include "quorlix/location/SourceSelection.h"
+#include "quorlix/location/VirtualClock.h"
+#include "quorlix/location/sources/SimulatedSource.h"
+
+#include "DirectoryProcess.h"
+#include "EventLoop.h"
+
+#include <gtest/gtest.h>
+
+namespace Quorlix {
+namespace {
+
+constexpr std::int64_t ms = 1'000'000;
+
+struct Seen
+{
+    QStringList entries; // virtual times in ms
+    QStringList exits;
+    QList<std::pair<std::int64_t, std::shared_ptr<VeskDevice>>> ranges;
+};
+
+void listen(VeskEventManager& manager, Seen& seen, const std::function<std::int64_t()>& now)
+{
+    manager.onEntry([&seen, now](const auto&) { seen.entries << QString::number(now() / ms); });
+    manager.onExit([&seen, now](const auto&) { seen.exits << QString::number(now() / ms); });
+    manager.onRange([&seen, now](const auto& device) { seen.ranges.append({now(), device}); });
+}
+
+TEST(EndToEnd, SimulatedDeviceReachesTheEventManagerInVirtualTime)
+{
+    Testing::DirectoryProcess directory;
+    // Device 1047 is 12-7: it arrives at 2 s at 0.8 m and leaves at 20 s. 12-8, much nearer the
+    // whole time, belongs to another device and must never be reported.
+    QString error;
+    const auto scenario = Scenario::parse(R"({"seed": 3, "beacons": [
+        {"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 12, "minor": 7,
+         "interval": 0.1, "loss": 0.2, "noise": 3, "path": [[0, null], [2, 0.8], [20, 0.8],
+         [20, null]]},
+        {"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 12, "minor": 8,
+         "interval": 0.1, "path": [[0, 0.2]]}]})",
+                                          QStringLiteral("walk.json"), &error);
+    ASSERT_TRUE(scenario) << error.toStdString();
+    auto clock = std::make_shared<VirtualClock>();
+    LocationManager::setFactory([&] {
+        return std::make_shared<EngineLocationManager>(
+            clock, std::make_unique<SimulatedSource>(*scenario));
+    });
+    const auto manager = VeskEventManager::create(QStringLiteral("1047"));
+    LocationManager::setFactory({});
+    Seen seen;
+    listen(*manager, seen, [&] { return clock->nowNs(); });
+    // Entry and exit handlers run on the main queue: let it turn after each step.
+    const auto advanceTo = [&](std::int64_t t) {
+        for (std::int64_t step = clock->nowNs(); step < t; step += 100 * ms) {
+            clock->advanceTo(std::min(step + 100 * ms, t));
+            QCoreApplication::processEvents();
+        }
+    };
+
+    advanceTo(1900 * ms);
+    EXPECT_TRUE(seen.entries.isEmpty());
+    EXPECT_TRUE(seen.ranges.isEmpty()); // empty reports reach no handler
+    advanceTo(3000 * ms);
+    ASSERT_EQ(seen.entries.size(), 1);
+    EXPECT_LE(seen.entries.first().toInt(), 2400);
+
+    advanceTo(20 * 1000 * ms);
+    ASSERT_GE(seen.ranges.size(), 16);
+    for (const auto& [time, device] : seen.ranges) {
+        if (time < 4000 * ms)
+            continue;
+        EXPECT_EQ(device->distance, QStringLiteral("Near")) << time / ms;
+        EXPECT_NEAR(device->rssi.value_or(QString()).toInt(), -57, 2) << time / ms;
+    }
+    advanceTo(49'900 * ms);
+    EXPECT_TRUE(seen.exits.isEmpty());
+    advanceTo(51'000 * ms);
+    ASSERT_EQ(seen.exits.size(), 1);
+    EXPECT_GE(seen.exits.first().toInt(), 49'900);
+    EXPECT_EQ(seen.entries.size(), 1);
+}
+
+TEST(EndToEnd, DemoScenarioInRealTimeThroughTheDefaultFactory)
+{
+    Testing::DirectoryProcess directory;
+    qputenv(SourceSelection::variable,
+            QByteArrayLiteral("simulate:" QUORLIX_SCENARIO_DIR "/demo.json"));
+    const auto manager = VeskEventManager::create(QStringLiteral("1047"));
+    qunsetenv(SourceSelection::variable);
+    Seen seen;
+    QElapsedTimer elapsed;
+    elapsed.start();
+    listen(*manager, seen, [&] { return elapsed.nsecsElapsed(); });
+    const bool reached = Testing::runUntil(
+        [&] {
+            return !seen.entries.isEmpty() &&
+                   std::any_of(seen.ranges.begin(), seen.ranges.end(), [](const auto& range) {
+                       return range.second->distance != QStringLiteral("Unknown");
+                   });
+        },
+        4000);
+    EXPECT_TRUE(reached);
+    // 12-7 starts advertising 0.5 s into the demo, 1 m away.
+    ASSERT_FALSE(seen.entries.isEmpty());
+    EXPECT_LT(seen.entries.first().toInt(), 1500);
+}
+
+} // namespace
+} // namespace Quorlix
