@@ -16,7 +16,25 @@ namespace {
 QMutex factoryMutex;
 LocationManager::Factory installedFactory;
 
-std::unique_ptr<BeaconSource> makeSource(const QString& setting, QString* problem)
+} // namespace
+
+std::shared_ptr<LocationManager> LocationManager::create()
+{
+    Factory factory;
+    {
+        QMutexLocker lock(&factoryMutex);
+        factory = installedFactory;
+    }
+    return factory ? factory() : SourceSelection::fromEnvironment();
+}
+
+void LocationManager::setFactory(Factory factory)
+{
+    QMutexLocker lock(&factoryMutex);
+    installedFactory = std::move(factory);
+}
+
+std::unique_ptr<BeaconSource> SourceSelection::sourceFor(const QString& setting, QString* problem)
 {
     // A missing bluetoothd or adapter is not a reason to refuse: the source waits for them and
     // says so on its own logging category.
@@ -52,24 +70,6 @@ std::unique_ptr<BeaconSource> makeSource(const QString& setting, QString* proble
     return nullptr;
 }
 
-} // namespace
-
-std::shared_ptr<LocationManager> LocationManager::create()
-{
-    Factory factory;
-    {
-        QMutexLocker lock(&factoryMutex);
-        factory = installedFactory;
-    }
-    return factory ? factory() : SourceSelection::fromEnvironment();
-}
-
-void LocationManager::setFactory(Factory factory)
-{
-    QMutexLocker lock(&factoryMutex);
-    installedFactory = std::move(factory);
-}
-
 std::shared_ptr<LocationManager> SourceSelection::fromEnvironment()
 {
     const QString setting = qEnvironmentVariable(variable);
@@ -79,7 +79,7 @@ std::shared_ptr<LocationManager> SourceSelection::fromEnvironment()
 std::shared_ptr<LocationManager> SourceSelection::fromSetting(const QString& setting)
 {
     QString problem;
-    std::unique_ptr<BeaconSource> source = makeSource(setting, &problem);
+    std::unique_ptr<BeaconSource> source = sourceFor(setting, &problem);
     if (!source) {
         qCWarning(lcLocation).noquote()
             << QStringLiteral("%1=%2: %3; the location manager reports nothing")

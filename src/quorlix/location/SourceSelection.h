@@ -1,6 +1,7 @@
 #pragma once
 
 #include "quorlix/location/LocationManager.h"
+#include "quorlix/location/sources/BeaconSource.h"
 
 #include <QString>
 
@@ -17,5 +18,8 @@ inline constexpr char variable[] = "QUORLIX_LOCATION_SOURCE";
 
 std::shared_ptr<LocationManager> fromEnvironment();
 std::shared_ptr<LocationManager> fromSetting(const QString& setting);
+/// The beacon source a setting names, without an engine (for tools that want raw sightings);
+/// null with problem set when the setting is unusable.
+std::unique_ptr<BeaconSource> sourceFor(const QString& setting, QString* problem);
 
 } // namespace Quorlix::SourceSelection
