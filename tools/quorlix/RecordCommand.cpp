@@ -106,9 +106,9 @@ void RecordCommand::end()
             complain(problem.isEmpty() ? QStringLiteral("cannot write %1").arg(m_path) : problem));
         return;
     }
-    std::printf("recorded %lld readings of %lld beacons in %.1f s to %s\n",
+    std::printf("recorded %lld readings of %lld beacon%s in %.1f s to %s\n",
                 static_cast<long long>(m_readings), static_cast<long long>(m_beacons.size()),
-                m_feed->elapsedS(), qPrintable(m_path));
+                m_beacons.size() == 1 ? "" : "s", m_feed->elapsedS(), qPrintable(m_path));
     finish(0);
 }
 
