@@ -110,6 +110,16 @@ std::optional<int> WatchCommand::start(const QCommandLineParser& parser,
         if (beacons.isEmpty())
             return;
         const Quorlix::Beacon& beacon = beacons.first();
+        // The engine keeps reporting a beacon for a few seconds after its last advert, with no
+        // signal: say so rather than print 0 dBm.
+        if (beacon.rssi == 0) {
+            print(QStringLiteral("range"),
+                  QStringLiteral("device %1  not heard lately").arg(m_device),
+                  {{QStringLiteral("rssi"), QJsonValue()},
+                   {QStringLiteral("proximity"), BeaconTable::word(beacon.proximity)},
+                   {QStringLiteral("distance"), QJsonValue()}});
+            return;
+        }
         const QVariant metres = BeaconTable::metres(beacon.accuracy);
         print(QStringLiteral("range"),
               QStringLiteral("device %1  rssi %2 dBm  %3  %4")
