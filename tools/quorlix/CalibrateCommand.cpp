@@ -113,7 +113,7 @@ std::optional<int> CalibrateCommand::start(const QCommandLineParser& parser,
             m_rssi.push_back(sighting.rssi);
     });
     m_feed->every(1'000'000'000, [this] { progress(); });
-    m_feed->after(static_cast<std::int64_t>(m_seconds * 1e9), [this] { end(); });
+    m_feed->after(static_cast<std::int64_t>(m_seconds * 1e9) + 1, [this] { end(); });
     m_feed->start();
     return std::nullopt;
 }

@@ -65,13 +65,15 @@ std::optional<int> RecordCommand::start(const QCommandLineParser& parser,
     });
     m_feed->every(1'000'000'000, [this] { progress(); });
     if (m_seconds)
-        m_feed->after(static_cast<std::int64_t>(*m_seconds * 1e9), [this] { end(); });
+        m_feed->after(static_cast<std::int64_t>(*m_seconds * 1e9) + 1, [this] { end(); });
     m_feed->start();
     return std::nullopt;
 }
 
 void RecordCommand::progress()
 {
+    if (m_ended)
+        return;
     QString problem;
     // A full disk shows within a second, not at the end of a long recording.
     if (m_writeFailed || !m_writer.flush(&problem)) {
@@ -87,7 +89,7 @@ void RecordCommand::progress()
                              ? QStringLiteral("%1 s left")
                                    .arg(std::max(0.0, *m_seconds - m_feed->elapsedS()), 0, 'f', 0)
                              : QStringLiteral("Ctrl-C ends");
-    std::fprintf(stderr, "\r\x1b[Krecording %s: %lld readings, %lld beacons, %s",
+    std::fprintf(stderr, "\r\x1b[Krecording %s: %lld readings, beacons seen: %lld, %s",
                  qPrintable(m_path), static_cast<long long>(m_readings),
                  static_cast<long long>(m_beacons.size()), qPrintable(left));
     m_progressShown = true;

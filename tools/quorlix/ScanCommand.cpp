@@ -66,7 +66,8 @@ std::optional<int> ScanCommand::start(const QCommandLineParser& parser, const Co
     });
     m_feed->every(1'000'000'000, [this] { refresh(); });
     if (seconds)
-        m_feed->after(static_cast<std::int64_t>(*seconds * 1e9), [this] { finish(0); });
+        // Just after the refresh due at the same time, so that the last table is shown.
+        m_feed->after(static_cast<std::int64_t>(*seconds * 1e9) + 1, [this] { finish(0); });
     m_feed->start();
     return std::nullopt;
 }
