@@ -8,11 +8,33 @@
 
 namespace QuorlixTool {
 
+namespace {
+
+// Qt prints the description as it is; paragraphs are wrapped here to the width of its options.
+QString wrapped(const QString& text, qsizetype width = 79)
+{
+    QStringList lines;
+    for (const QString& paragraph : text.split(u'\n')) {
+        QString line;
+        for (const QString& word : paragraph.split(u' ', Qt::SkipEmptyParts)) {
+            if (!line.isEmpty() && line.size() + 1 + word.size() > width) {
+                lines << line;
+                line.clear();
+            }
+            line += (line.isEmpty() ? QString() : QStringLiteral(" ")) + word;
+        }
+        lines << line;
+    }
+    return lines.join(u'\n');
+}
+
+} // namespace
+
 Command::~Command() = default;
 
 void Command::setUp(QCommandLineParser& parser) const
 {
-    parser.setApplicationDescription(description());
+    parser.setApplicationDescription(wrapped(description()));
     parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsOptions);
     parser.addHelpOption();
     describe(parser);
