@@ -119,12 +119,13 @@ TEST(DemoSmoke, BadStartsEndWithAMessageAndAnExitCode)
         const char* messagePart;
         bool usage;
     } cases[] = {
+        // clang-format off
         {{"--seconds", "0"}, 2, "--seconds wants whole seconds", true},
         {{"--bogus"}, 2, "unknown option '--bogus'", true},
         {{"--source", "simulate:/no/such/scenario.json"}, 2, "cannot read the simulate file", true},
         {{"--headless", "--device", "9999"}, 2, "does not know device 9999", false},
-        {{"--headless", "--directory", "127.0.0.1:1"}, 1, "does not answer", false},
-    };
+        {{"--headless", "--directory", "127.0.0.1:1"}, 1, "does not answer", false}};
+    // clang-format on
     for (const auto& c : cases) {
         const DemoResult run = runDemo(c.arguments, scratch.path());
         const std::string what =

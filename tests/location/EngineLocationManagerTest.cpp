@@ -1,6 +1,5 @@
 #include "quorlix/location/EngineLocationManager.h"
 #include "quorlix/events/VeskEventManager.h"
-#include "quorlix/location/SourceSelection.h"
 #include "quorlix/location/VirtualClock.h"
 #include "quorlix/location/sources/SimulatedSource.h"
 
@@ -79,31 +78,6 @@ TEST(EndToEnd, SimulatedDeviceReachesTheEventManagerInVirtualTime)
     ASSERT_EQ(seen.exits.size(), 1);
     EXPECT_GE(seen.exits.first(), 49'900);
     EXPECT_EQ(seen.entries.size(), 1);
-}
-
-TEST(EndToEnd, DemoScenarioInRealTimeThroughTheDefaultFactory)
-{
-    Testing::DirectoryProcess directory;
-    qputenv(SourceSelection::variable,
-            QByteArrayLiteral("simulate:" QUORLIX_SCENARIO_DIR "/demo.json"));
-    const auto manager = VeskEventManager::create(QStringLiteral("1047"));
-    qunsetenv(SourceSelection::variable);
-    Seen seen;
-    QElapsedTimer elapsed;
-    elapsed.start();
-    seen.listen(*manager, [&] { return elapsed.nsecsElapsed(); });
-    const bool reached = Testing::runUntil(
-        [&] {
-            return !seen.entries.isEmpty() &&
-                   std::any_of(seen.ranges.begin(), seen.ranges.end(), [](const auto& range) {
-                       return range.second->distance != QStringLiteral("Unknown");
-                   });
-        },
-        4000);
-    EXPECT_TRUE(reached);
-    // 12-7 starts advertising 0.5 s into the demo, 1 m away.
-    ASSERT_FALSE(seen.entries.isEmpty());
-    EXPECT_LT(seen.entries.first(), 1500);
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include "StdoutCapture.h"
 
 #include <QPushButton>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -66,6 +67,7 @@ TEST_F(VeskDeviceManagerTest, AFreshManagerScansOnlyOnRequestAndACancelStoresAnE
     EXPECT_FALSE(locations.last->pausesLocationUpdatesAutomatically);
     manager->stopLooking();
     manager->startLooking();
+    locations.last->range(report({{12, 7}})); // no screen: nothing is looked up
     const auto first = manager->beaconRegion;
     manager->pair(&host, completion);
     EXPECT_NE(manager->beaconRegion, first);
@@ -106,6 +108,7 @@ TEST_F(VeskDeviceManagerTest, PairsFromRangingReportsAndTheNextManagerReloadsThe
     manager->pair(&host, completion);
     const auto screen = manager->listViewController;
     EXPECT_TRUE(screen->isVisible());
+    QSignalSpy reloads(screen->table->model(), &QAbstractItemModel::modelReset);
     StdoutCapture capture;
     locations.last->range(report({{300, 2}, {12, 7}}));
     locations.last->range(report({{12, 7}, {9, 9}, {12, 8}, {300, 2}}));
@@ -121,6 +124,7 @@ TEST_F(VeskDeviceManagerTest, PairsFromRangingReportsAndTheNextManagerReloadsThe
             << QStringLiteral("GET /api/device/majorminor/?major-minor=%1 -> 200").arg(majorMinor);
     EXPECT_EQ(directory.requests(), lookups);
     EXPECT_EQ(screen->items, QStringList({"2002", "1047", "1048"}));
+    EXPECT_EQ(reloads.count(), 3); // once per new key
     EXPECT_EQ(manager->getType("1048"), "Room");
 
     const QRect second = screen->table->visualRect(screen->table->model()->index(1, 0));
