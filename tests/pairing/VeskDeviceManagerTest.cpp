@@ -6,8 +6,8 @@
 #include "RecordingLocationManager.h"
 #include "StdoutCapture.h"
 
-#include <QApplication>
 #include <QPushButton>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -27,11 +27,6 @@ QList<Beacon> report(std::initializer_list<std::pair<quint16, quint16>> numbers)
     for (const auto& [major, minor] : numbers)
         beacons.append({BeaconFamily::proximityUUID(), major, minor, Proximity::Near, -60, 1.5});
     return beacons;
-}
-
-QString lookup(const QString& majorMinor)
-{
-    return "GET /api/device/majorminor/?major-minor=" + majorMinor + " -> 200";
 }
 
 std::optional<QStringList> stored(const QString& key = "VeskDeviceManagerKeys")
@@ -72,6 +67,7 @@ TEST_F(VeskDeviceManagerTest, AFreshManagerScansOnlyOnRequestAndACancelStoresAnE
     EXPECT_FALSE(locations.last->pausesLocationUpdatesAutomatically);
     manager->stopLooking();
     manager->startLooking();
+    locations.last->range(report({{12, 7}})); // no screen: nothing is looked up
     const auto first = manager->beaconRegion;
     manager->pair(&host, completion);
     EXPECT_NE(manager->beaconRegion, first);
@@ -83,15 +79,23 @@ TEST_F(VeskDeviceManagerTest, AFreshManagerScansOnlyOnRequestAndACancelStoresAnE
                            "startMonitoring " + region, "startRangingBeacons " + region,
                            "startMonitoring " + region, "startRangingBeacons " + region,
                            "stopRangingBeacons " + region, "stopMonitoring " + region}));
-    EXPECT_EQ(results, QStringList({""}));
     EXPECT_EQ(stored(), QStringList());
-    // An empty stored list is not an absent one.
+    // An empty stored list is not an absent one. Later choices reuse the completion and save
+    // under the key name current then.
     const auto next = VeskDeviceManager::create("host.app");
-    EXPECT_EQ(capture.lines(),
-              QStringList({"Quorlix starting using appID: ", "host.app", "nil",
-                           "loading device keys", "0", "pair", "saving device keys", "[:]",
-                           "canceling", "Quorlix starting using appID: ", "host.app", "[]",
-                           "loading device keys", "0"}));
+    manager->veskDeviceKeysConstant = "Elsewhere";
+    manager->keys.insert("300-1", "2001");
+    manager->itemPaired("2001");
+    manager->unpair();
+    manager->setInfo("2001", "moved");
+    EXPECT_EQ(
+        capture.lines(),
+        QStringList({"Quorlix starting using appID: ", "host.app", "nil", "loading device keys",
+                     "0", "pair", "saving device keys", "[:]", "canceling",
+                     "Quorlix starting using appID: ", "host.app", "[]", "loading device keys", "0",
+                     "saving device keys", R"(["300-1": "2001"])", "unpair", "setInfo device"}));
+    EXPECT_EQ(results, QStringList({"", "2001"}));
+    EXPECT_EQ(stored("Elsewhere"), QStringList({"2001"}));
     const auto location = manager->locationManager;
     manager->listViewController.reset(); // breaks the manager-screen cycle
     manager.reset();
@@ -104,9 +108,7 @@ TEST_F(VeskDeviceManagerTest, PairsFromRangingReportsAndTheNextManagerReloadsThe
     manager->pair(&host, completion);
     const auto screen = manager->listViewController;
     EXPECT_TRUE(screen->isVisible());
-    EXPECT_EQ(locations.last->calls,
-              QStringList({"startMonitoring " + region, "startRangingBeacons " + region}));
-
+    QSignalSpy reloads(screen->table->model(), &QAbstractItemModel::modelReset);
     StdoutCapture capture;
     locations.last->range(report({{300, 2}, {12, 7}}));
     locations.last->range(report({{12, 7}, {9, 9}, {12, 8}, {300, 2}}));
@@ -116,9 +118,13 @@ TEST_F(VeskDeviceManagerTest, PairsFromRangingReportsAndTheNextManagerReloadsThe
                                             "9-9", "[]", "could not find major minor online", //
                                             "12-8", "[1048]", "got key from online", "1048",  //
                                             "9-9", "[]", "could not find major minor online"}));
-    EXPECT_EQ(directory.requests(), QStringList({lookup("300-2"), lookup("12-7"), lookup("9-9"),
-                                                 lookup("12-8"), lookup("9-9")}));
+    QStringList lookups;
+    for (const char* majorMinor : {"300-2", "12-7", "9-9", "12-8", "9-9"})
+        lookups
+            << QStringLiteral("GET /api/device/majorminor/?major-minor=%1 -> 200").arg(majorMinor);
+    EXPECT_EQ(directory.requests(), lookups);
     EXPECT_EQ(screen->items, QStringList({"2002", "1047", "1048"}));
+    EXPECT_EQ(reloads.count(), 3); // once per new key
     EXPECT_EQ(manager->getType("1048"), "Room");
 
     const QRect second = screen->table->visualRect(screen->table->model()->index(1, 0));
@@ -134,33 +140,12 @@ TEST_F(VeskDeviceManagerTest, PairsFromRangingReportsAndTheNextManagerReloadsThe
     EXPECT_EQ(QSet<QString>(saved.begin(), saved.end()), QSet<QString>({"1047", "1048", "2002"}));
     EXPECT_EQ(saved.size(), 3);
 
-    const qsizetype before = directory.requests().size();
     const auto next = VeskDeviceManager::create("host.app");
     QStringList expected;
     for (const QString& key : saved)
         expected << "GET /api/device/" + key + " -> 200";
-    EXPECT_EQ(directory.requests().mid(before), expected);
+    EXPECT_EQ(directory.requests().mid(lookups.size()), expected);
     EXPECT_EQ(next->keys, manager->keys);
-    manager->listViewController.reset(); // breaks the manager-screen cycle
-}
-
-TEST_F(VeskDeviceManagerTest, CancelSavesEveryKeyAndLaterChoicesReuseTheCompletion)
-{
-    UserDefaults::standard().setStringArray("VeskDeviceManagerKeys", {"2001", "2001"});
-    const auto manager = VeskDeviceManager::create("host.app");
-    manager->pair(&host, completion);
-    StdoutCapture capture;
-    QTest::mouseClick(manager->listViewController->findChild<QPushButton*>(), Qt::LeftButton);
-    manager->veskDeviceKeysConstant = "Elsewhere";
-    manager->itemPaired("2001");
-    manager->unpair();
-    manager->setInfo("2001", "moved");
-    EXPECT_EQ(capture.lines(), QStringList({"saving device keys", R"(["300-1": "2001"])",
-                                            "canceling", "saving device keys",
-                                            R"(["300-1": "2001"])", "unpair", "setInfo device"}));
-    EXPECT_EQ(results, QStringList({"", "2001"}));
-    EXPECT_EQ(stored(), QStringList({"2001"}));
-    EXPECT_EQ(stored("Elsewhere"), QStringList({"2001"}));
     manager->listViewController.reset();
 }
 
@@ -181,54 +166,45 @@ TEST_F(VeskDeviceManagerTest, AKeyTheServiceNoLongerKnowsEndsTheSetUpWithoutLoca
     EXPECT_DEATH(manager->pair(&host, completion), nilStop);
 }
 
-// Answers from a table instead of the network; the stored key 1047 answers as itself, any other
-// as key 5.
+// Answers from a table instead of the network (1047 as itself, any other key as key 5), or loses
+// its screen while a lookup is under way, as a host callback may.
 struct CannedManager : VeskDeviceManager
 {
     QStringList urls;
+    bool forgetful = false;
     QByteArray getJSON(const QString& url) override
     {
+        if (forgetful) {
+            listViewController.reset();
+            return VeskDeviceManager::getJSON(url);
+        }
         urls << url.section('/', -1);
         return url.endsWith("/1047") ? R"({"Key": 1047, "MajorMinor": "12-7"})"
                                      : R"([{"Key": 5, "MajorMinor": "1-5"}])";
     }
 };
 
-TEST_F(VeskDeviceManagerTest, SetUpRunsOverridesAndFilesEachEntryUnderTheStoredKey)
+TEST_F(VeskDeviceManagerTest, SetUpRunsOverridesAndTheSpecifiedStops)
 {
     UserDefaults::standard().setStringArray("VeskDeviceManagerKeys", {"1047", "2001", "3100"});
-    const auto manager = VeskDeviceManager::create<CannedManager>("host.app");
-    EXPECT_EQ(manager->urls, QStringList({"1047", "2001", "3100"}));
-    // Nothing is cached under 2001 or 3100: both land under "", the later one winning.
-    EXPECT_EQ(manager->keys, (QHash<QString, QString>{{"12-7", "1047"}, {"", "3100"}}));
-    EXPECT_EQ(manager->getMajorMinor("5"), "1-5");
-}
+    const auto canned = VeskDeviceManager::create<CannedManager>("host.app");
+    EXPECT_EQ(canned->urls, QStringList({"1047", "2001", "3100"}));
+    // Filed under the stored key, looked up by it: nothing is cached under 2001 or 3100, so both
+    // land under "", the later one winning.
+    EXPECT_EQ(canned->keys, (QHash<QString, QString>{{"12-7", "1047"}, {"", "3100"}}));
+    EXPECT_EQ(canned->getMajorMinor("5"), "1-5");
 
-// Loses its screen while a lookup is under way, as a host callback may.
-struct ForgetfulManager : VeskDeviceManager
-{
-    QByteArray getJSON(const QString& url) override
-    {
-        listViewController.reset();
-        return VeskDeviceManager::getJSON(url);
-    }
-};
-
-TEST_F(VeskDeviceManagerTest, TheSpecifiedStops)
-{
-    const auto forgetful = VeskDeviceManager::create<ForgetfulManager>("host.app");
-    forgetful->pair(&host, completion);
-    EXPECT_DEATH(locations.last->range(report({{12, 7}})), nilStop);
-
+    canned->forgetful = true;
+    canned->pair(&host, completion);
+    EXPECT_DEATH(locations.last->range(report({{12, 8}})), nilStop);
     // Without a completion the store is still written first.
     const auto manager = VeskDeviceManager::create("host.app");
-    manager->keys.insert("12-7", "1047");
+    manager->keys = {{"12-7", "1047"}};
     EXPECT_DEATH(manager->itemPaired("1047"), nilStop);
     EXPECT_EQ(stored(), QStringList({"1047"}));
-
     const char* init = "fatal error: use of unimplemented initializer 'init\\(\\)' for class "
                        "'Quorlix.VeskDeviceManager'";
     EXPECT_DEATH(VeskDeviceManager::create(), init);
     EXPECT_DEATH(QMetaObject::invokeMethod(manager.get(), "init"), init);
-    forgetful->listViewController.reset();
+    canned->listViewController.reset();
 }

@@ -33,24 +33,7 @@ void waitForBus(bool present)
     }
 }
 
-QDBusMessage callMock(const QString& method, const QVariantList& arguments)
-{
-    auto message = QDBusMessage::createMethodCall(service, QStringLiteral("/"),
-                                                  QStringLiteral("org.bluez.Mock"), method);
-    message.setArguments(arguments);
-    const QDBusMessage reply = QDBusConnection::systemBus().call(message);
-    if (reply.type() != QDBusMessage::ReplyMessage)
-        throw std::runtime_error(
-            QStringLiteral("mock %1 failed: %2").arg(method, reply.errorMessage()).toStdString());
-    return reply;
-}
-
 } // namespace
-
-MockBlueZ::MockBlueZ()
-{
-    start();
-}
 
 MockBlueZ::~MockBlueZ()
 {
@@ -111,64 +94,16 @@ void MockBlueZ::start()
     waitForBus(true);
 }
 
-QString MockBlueZ::addAdapter(const QString& name)
+QVariant MockBlueZ::call(const QString& method, const QVariantList& arguments)
 {
-    return callMock(QStringLiteral("AddAdapter"), {name, QStringLiteral("Quorlix test")})
-        .arguments()
-        .value(0)
-        .toString();
-}
-
-void MockBlueZ::removeAdapterWithDevices(const QString& name)
-{
-    callMock(QStringLiteral("RemoveAdapterWithDevices"), {name});
-}
-
-void MockBlueZ::setPowered(const QString& name, bool powered)
-{
-    callMock(QStringLiteral("SetPowered"), {name, powered});
-}
-
-void MockBlueZ::refuseStarts(const QString& name, quint32 count)
-{
-    callMock(QStringLiteral("RefuseStarts"), {name, QVariant::fromValue(count)});
-}
-
-QStringList MockBlueZ::discoveryLog(const QString& name)
-{
-    return callMock(QStringLiteral("DiscoveryLog"), {name}).arguments().value(0).toStringList();
-}
-
-QString MockBlueZ::addBeacon(const QString& adapter, const QString& address, int rssi,
-                             quint16 company, const QByteArray& data)
-{
-    return callMock(QStringLiteral("AddBeacon"),
-                    {adapter, address, QVariant::fromValue(static_cast<qint16>(rssi)),
-                     QVariant::fromValue(company), data})
-        .arguments()
-        .value(0)
-        .toString();
-}
-
-void MockBlueZ::advertise(const QString& devicePath, int rssi, quint16 company,
-                          const QByteArray& data)
-{
-    callMock(QStringLiteral("Advertise"),
-             {devicePath, QVariant::fromValue(static_cast<qint16>(rssi)),
-              QVariant::fromValue(company), data});
-}
-
-void MockBlueZ::advertiseData(const QString& devicePath, quint16 company, const QByteArray& data,
-                              bool invalidateRssi)
-{
-    callMock(QStringLiteral("AdvertiseData"),
-             {devicePath, QVariant::fromValue(company), data, invalidateRssi});
-}
-
-void MockBlueZ::changeRssi(const QString& devicePath, int rssi)
-{
-    callMock(QStringLiteral("ChangeRssi"),
-             {devicePath, QVariant::fromValue(static_cast<qint16>(rssi))});
+    auto message = QDBusMessage::createMethodCall(service, QStringLiteral("/"),
+                                                  QStringLiteral("org.bluez.Mock"), method);
+    message.setArguments(arguments);
+    const QDBusMessage reply = QDBusConnection::systemBus().call(message);
+    if (reply.type() != QDBusMessage::ReplyMessage)
+        throw std::runtime_error(
+            QStringLiteral("mock %1 failed: %2").arg(method, reply.errorMessage()).toStdString());
+    return reply.arguments().value(0);
 }
 
 void MockBlueZ::flood(const QStringList& devicePaths, quint32 count, quint16 company,

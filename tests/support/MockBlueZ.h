@@ -4,19 +4,21 @@
 #include <QProcess>
 #include <QString>
 #include <QStringList>
+#include <QVariant>
 
 #include <memory>
 
 namespace Quorlix::Testing {
 
 /// A mock bluetoothd (python3-dbusmock's bluez5 template with the beacon extension in
-/// bluez_beacons.py) owning org.bluez on the system bus, which must be a private bus
-/// (tests/support/private-bus.sh). Calls fail the current test when the mock refuses them.
+/// bluez_beacons.py, whose org.bluez.Mock methods these calls name) owning org.bluez on the system
+/// bus, which must be a private bus (tests/support/private-bus.sh). Refused calls throw.
 class MockBlueZ
 {
 public:
     /// Starts the mock and waits until it owns org.bluez.
-    MockBlueZ();
+    MockBlueZ() { start(); }
+    /// Stops the mock as stop() does, so that the next mock can take the name.
     ~MockBlueZ();
     MockBlueZ(const MockBlueZ&) = delete;
     MockBlueZ& operator=(const MockBlueZ&) = delete;
@@ -26,27 +28,39 @@ public:
     /// The manufacturer data bytes of an iBeacon frame (after Apple's company identifier).
     static QByteArray iBeaconData(const QString& uuid, quint16 major, quint16 minor, qint8 power);
 
-    /// Kills the mock (bluetoothd going away) and waits until org.bluez is gone; so does the
-    /// destructor, so that the next mock can take the name.
+    /// Kills the mock (bluetoothd going away) and waits, bounded, until org.bluez is released.
     void stop();
     /// Starts a fresh mock, with no adapter, and waits for org.bluez.
     void start();
 
-    QString addAdapter(const QString& name);
-    void removeAdapterWithDevices(const QString& name);
-    void setPowered(const QString& name, bool powered);
+    QString addAdapter(const QString& name)
+    {
+        return call("AddAdapter", name, QStringLiteral("Quorlix test")).toString();
+    }
+    void removeAdapterWithDevices(const QString& name) { call("RemoveAdapterWithDevices", name); }
+    void setPowered(const QString& name, bool on) { call("SetPowered", name, on); }
     /// The adapter's next count StartDiscovery calls fail.
-    void refuseStarts(const QString& name, quint32 count);
+    void refuseStarts(const QString& name, quint32 count) { call("RefuseStarts", name, count); }
     /// The adapter's discovery calls, see DiscoveryLog in bluez_beacons.py.
-    QStringList discoveryLog(const QString& name);
-
+    QStringList discoveryLog(const QString& name)
+    {
+        return call("DiscoveryLog", name).toStringList();
+    }
     QString addBeacon(const QString& adapter, const QString& address, int rssi, quint16 company,
-                      const QByteArray& data);
-    void advertise(const QString& devicePath, int rssi, quint16 company, const QByteArray& data);
+                      const QByteArray& data)
+    {
+        return call("AddBeacon", adapter, address, qint16(rssi), company, data).toString();
+    }
+    void advertise(const QString& device, int rssi, quint16 company, const QByteArray& data)
+    {
+        call("Advertise", device, qint16(rssi), company, data);
+    }
     /// ManufacturerData alone, with RSSI invalidated when asked.
-    void advertiseData(const QString& devicePath, quint16 company, const QByteArray& data,
-                       bool invalidateRssi);
-    void changeRssi(const QString& devicePath, int rssi);
+    void advertiseData(const QString& device, quint16 company, const QByteArray& data, bool noRssi)
+    {
+        call("AdvertiseData", device, company, data, noRssi);
+    }
+    void changeRssi(const QString& device, int rssi) { call("ChangeRssi", device, qint16(rssi)); }
     /// Asks the mock to send count adverts round-robin over the devices; returns at once.
     void flood(const QStringList& devicePaths, quint32 count, quint16 company,
                const QByteArray& data);
@@ -56,6 +70,12 @@ public:
     void sendMalformed(const QString& kind, const QString& devicePath, const QByteArray& data);
 
 private:
+    template <class... Arguments> QVariant call(const char* method, const Arguments&... arguments)
+    {
+        return call(QString::fromLatin1(method), QVariantList{QVariant::fromValue(arguments)...});
+    }
+    QVariant call(const QString& method, const QVariantList& arguments);
+
     std::unique_ptr<QProcess> m_process;
 };
 

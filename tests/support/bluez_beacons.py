@@ -162,7 +162,7 @@ def Flood(_self, paths, count, company, data):
         device = devices[i % len(devices)]
         message = dbus.lowlevel.SignalMessage(device.path, dbus.PROPERTIES_IFACE,
                                               'PropertiesChanged')
-        # Each device's RSSI changes from one of its adverts to the next.
+#Each device's RSSI changes from one of its adverts to the next.
         rssi = -40 - (i // len(devices)) % 50
         message.append(DEVICE_IFACE,
                        {'RSSI': dbus.Int16(rssi, variant_level=1),

@@ -47,39 +47,39 @@ Scenario scenario(const QByteArray& members, const QByteArray& extra = "")
     return parsed.value_or(Scenario{});
 }
 
+// Each input fails to parse, with an error that contains the message.
+template <class Parse>
+void expectErrors(Parse parse, std::initializer_list<std::pair<QByteArray, const char*>> cases)
+{
+    for (const auto& [input, message] : cases) {
+        QString error;
+        EXPECT_FALSE(parse(input, &error)) << input.data();
+        EXPECT_TRUE(error.contains(QLatin1StringView(message)))
+            << error.toStdString() << "\n  expected: " << message;
+    }
+}
+
 TEST(SimulatedSource, BadScenariosNameTheFileAndTheMember)
 {
-    const struct
-    {
-        QByteArray json;
-        const char* message;
-    } cases[] = {
+    const auto parse = [](const QByteArray& json, QString* error) {
+        return Scenario::parse(json, "bad.json", error);
+    };
+    // clang-format off
+    expectErrors(parse, {
         {"{}", "scenario bad.json: beacons: missing"},
         {"[]", "scenario bad.json: scenario: expected an object, got array"},
         {"{\"beacons\": {}}", "beacons: expected a list, got object"},
         {"{\"beacons\": [],\n \"seeds\": 3}", "scenario bad.json: seeds: unknown member"},
-        {"{\"beacons\": [\n{\"uuid\": \"x\"}]}",
-         "beacons[0].uuid: expected a UUID text, got \"x\""},
+        {"{\"beacons\": [\n{\"uuid\": \"x\"}]}", "beacons[0].uuid: expected a UUID text, got \"x\""},
         {oneBeacon(R"("major": 70000)"), "beacons[0].major: value 70000 is outside 0 to 65535"},
-        {oneBeacon(R"("major": 1, "minor": -1)"),
-         "beacons[0].minor: value -1 is outside 0 to 65535"},
+        {oneBeacon(R"("major": 1, "minor": -1)"), "beacons[0].minor: value -1 is outside 0 to 65535"},
         {oneBeacon(R"("major": 1, "minor": 1)"), "beacons[0].path: missing"},
-        {oneBeacon(R"("major": 1, "minor": 1, "majr": 2, "path": [[0, 1]])"),
-         "beacons[0].majr: unknown member"},
-        {oneBeacon(R"("major": 1, "minor": 1, "path": [[5, 1], [4, 1]])"),
-         "beacons[0].path[1]: time 4 is earlier than the point before"},
-        {oneBeacon(R"("major": 1, "minor": 1, "loss": 1.5, "path": [[0, 1]])"),
-         "beacons[0].loss: value 1.5 is outside 0 to 1"},
-        {oneBeacon(R"("major": 1, "minor": 1, "path": [[0, "near"]])"),
-         "beacons[0].path[0]: expected a number, got string"},
-        {"{\n  \"beacons\": [\n    {,}\n]}", "scenario bad.json: line 3, column 6: not valid JSON"},
-    };
-    for (const auto& c : cases) {
-        QString error;
-        EXPECT_FALSE(Scenario::parse(c.json, QStringLiteral("bad.json"), &error)) << c.json.data();
-        EXPECT_TRUE(error.contains(QLatin1StringView(c.message)))
-            << error.toStdString() << "\n  expected: " << c.message;
-    }
+        {oneBeacon(R"("major": 1, "minor": 1, "majr": 2, "path": [[0, 1]])"), "beacons[0].majr: unknown member"},
+        {oneBeacon(R"("major": 1, "minor": 1, "path": [[5, 1], [4, 1]])"), "beacons[0].path[1]: time 4 is earlier than the point before"},
+        {oneBeacon(R"("major": 1, "minor": 1, "loss": 1.5, "path": [[0, 1]])"), "beacons[0].loss: value 1.5 is outside 0 to 1"},
+        {oneBeacon(R"("major": 1, "minor": 1, "path": [[0, "near"]])"), "beacons[0].path[0]: expected a number, got string"},
+        {"{\n  \"beacons\": [\n    {,}\n]}", "scenario bad.json: line 3, column 6: not valid JSON"}});
+    // clang-format on
     for (const char* name : {"demo.json", "stationary.json"}) {
         QString error;
         const auto loaded = Scenario::load(QStringLiteral(QUORLIX_SCENARIO_DIR "/") + name, &error);
@@ -184,31 +184,24 @@ const QByteArray frame1207 = "4c000215e187697975b543de92cb2bc1ad6ba999000c0007c5
 TEST(ReplaySource, BadTracesNameTheFileAndTheLine)
 {
     const QByteArray f = "," + frame1207 + "\n";
-    const struct
-    {
-        QByteArray csv;
-        const char* message;
-    } cases[] = {
+    const auto parse = [](const QByteArray& csv, QString* error) {
+        return ReplaySource::parse(csv, "t.csv", error);
+    };
+    // clang-format off
+    expectErrors(parse, {
         {"time,address,rssi,manufacturer_data_hex\n0,A,-60\n", "t.csv: line 2: expected 4 fields"},
         {"time,address,rssi,manufacturer_data_hex\nsoon,A,-60" + f,
          "line 2: time \"soon\" is not a number"},
         // Times never go back, compared with the row before, a skipped one included.
-        {"# recorded\n0,A,-60" + f + "5,A,-60" + f + "4.5,A,-60" + f,
-         "line 4: time 4.5 is earlier than the row before"},
+        {"# recorded\n0,A,-60" + f + "5,A,-60" + f + "4.5,A,-60" + f, "line 4: time 4.5 is earlier than the row before"},
         {"0,A,-60" + f + "5,A,-60,0600\n4.5,A,-60" + f, "line 3: time 4.5 is earlier"},
         {"0,A,loud" + f, "line 1: rssi \"loud\" is not a dBm value"},
         {"0,A,21" + f, "line 1: rssi \"21\" is not a dBm value"},
         {"0,A,-60,4c0", "line 1: manufacturer data \"4c0\" is not an even count of hex digits"},
-        {"0,A,-60,4c0g", "line 1: manufacturer data \"4c0g\""},
-    };
-    for (const auto& c : cases) {
-        QString error;
-        EXPECT_FALSE(ReplaySource::parse(c.csv, QStringLiteral("t.csv"), &error)) << c.message;
-        EXPECT_TRUE(error.contains(QLatin1StringView(c.message)))
-            << error.toStdString() << "\n  expected: " << c.message;
-    }
+        {"0,A,-60,4c0g", "line 1: manufacturer data \"4c0g\""}});
+    // clang-format on
     QString error;
-    EXPECT_TRUE(ReplaySource::parse("3,A,-127" + f + "3,B,20" + f, "t.csv", &error))
+    EXPECT_TRUE(parse("3,A,-127" + f + "3,B,20" + f, &error))
         << "equal times: " << error.toStdString();
 }
 
