@@ -1,6 +1,5 @@
 #include "quorlix/events/VeskEventManager.h"
 
-#include "quorlix/LoggingCategories.h"
 #include "quorlix/model/BeaconFamily.h"
 #include "quorlix/platform/Checked.h"
 #include "quorlix/platform/Fatal.h"
@@ -56,8 +55,9 @@ void diagnoseMajorMinor(const QString& url, const QString& majorMinor,
         }
     }
     if (!cause.isEmpty())
-        qCWarning(lcDirectory).noquote()
-            << QStringLiteral("GET %1: MajorMinor \"%2\" %3").arg(url, majorMinor.left(200), cause);
+        DirectoryClient::diagnose(
+            QStringLiteral("GET ") + url,
+            QStringLiteral("MajorMinor \"%1\" %2").arg(majorMinor.left(200), cause));
 }
 
 } // namespace
