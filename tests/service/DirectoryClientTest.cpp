@@ -169,6 +169,18 @@ TEST(DirectoryFaults, BadAnswersAndSlowServersStopWithTheirCause)
                  "/api/device/1047: unreachable.*\n.*" + std::string(nilStop));
 }
 
+TEST(DirectoryFaults, AnswersNestedUpTo64LevelsAreJson)
+{
+    const auto nested = [](int depth) { return QByteArray(depth, '[') + QByteArray(depth, ']'); };
+    EXPECT_EQ(DirectoryAnswer::describe(DirectoryAnswer::parse(nested(64))), nested(64));
+    // Brackets in texts are not nesting, escaped quotes do not end a text.
+    const QByteArray text =
+        R"(["\"[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[["])";
+    EXPECT_EQ(DirectoryAnswer::describe(DirectoryAnswer::parse(text)), text);
+    EXPECT_DEATH(DirectoryAnswer::parse(nested(65)),
+                 std::string("nested deeper than 64 levels.*") + nilStop);
+}
+
 TEST(DirectoryFaults, BoundsComeFromTheEnvironmentAndBadValuesAreNamed)
 {
     const struct

@@ -1,6 +1,5 @@
 #include "quorlix/events/VeskEventManager.h"
 
-#include "quorlix/LoggingCategories.h"
 #include "quorlix/model/BeaconFamily.h"
 #include "quorlix/platform/Checked.h"
 #include "quorlix/platform/Fatal.h"
@@ -45,19 +44,21 @@ void diagnoseMajorMinor(const QString& url, const QString& majorMinor,
     if (pieces.size() < 2) {
         cause = QStringLiteral("is not <major>-<minor>");
     } else {
+        // In the order of the stops: both pieces are parsed before either is range-checked.
+        for (const QStringView text : {pieces[0], pieces[1]}) {
+            if (cause.isEmpty() && !Checked::parseInt64(text))
+                cause = QStringLiteral("has \"%1\", not a number").arg(text);
+        }
         for (const QStringView text : {pieces[0], pieces[1]}) {
             const std::optional<std::int64_t> value = Checked::parseInt64(text);
-            if (!value)
-                cause = QStringLiteral("has \"%1\", not a number").arg(text);
-            else if (*value < 0 || *value > 65535)
+            if (cause.isEmpty() && (*value < 0 || *value > 65535))
                 cause = QStringLiteral("has %1, out of range (0 to 65535)").arg(*value);
-            if (!cause.isEmpty())
-                break;
         }
     }
     if (!cause.isEmpty())
-        qCWarning(lcDirectory).noquote()
-            << QStringLiteral("GET %1: MajorMinor \"%2\" %3").arg(url, majorMinor.left(200), cause);
+        DirectoryClient::diagnose(
+            QStringLiteral("GET ") + url,
+            QStringLiteral("MajorMinor \"%1\" %2").arg(majorMinor.left(200), cause));
 }
 
 } // namespace

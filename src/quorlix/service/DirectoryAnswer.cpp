@@ -1,6 +1,5 @@
 #include "quorlix/service/DirectoryAnswer.h"
 
-#include "quorlix/LoggingCategories.h"
 #include "quorlix/platform/Fatal.h"
 #include "quorlix/platform/Log.h"
 #include "quorlix/service/DirectoryClient.h"
@@ -48,7 +47,7 @@ int nestingDepth(const QByteArray& data)
 // Stops that the shape of an answer causes are preceded by a diagnostic naming that cause.
 void shapeProblem(const QString& cause)
 {
-    qCWarning(lcDirectory).noquote() << QStringLiteral("a directory answer: ") + cause;
+    DirectoryClient::diagnose(QStringLiteral("a directory answer"), cause);
 }
 
 QVariant toVariant(const Json& json)

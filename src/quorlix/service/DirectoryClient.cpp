@@ -191,8 +191,8 @@ bool isValidUrl(const QString& text)
 QByteArray fetch(const QString& url)
 {
     if (!isValidUrl(url)) {
-        qCWarning(lcDirectory).noquote()
-            << QStringLiteral("GET \"%1\": not a valid URL").arg(url.left(2000));
+        diagnose(QStringLiteral("GET \"%1\"").arg(url.left(2000)),
+                 QStringLiteral("not a valid URL"));
         Fatal::invalidUrl();
     }
 
@@ -201,8 +201,7 @@ QByteArray fetch(const QString& url)
 
     EasyHandle easy;
     if (easy.handle == nullptr) {
-        qCWarning(lcDirectory).noquote()
-            << QStringLiteral("GET %1: the HTTP client cannot be set up").arg(url);
+        diagnose(QStringLiteral("GET ") + url, QStringLiteral("the HTTP client cannot be set up"));
         Fatal::noHttpClient();
     }
     const Limits bounds = limits();
@@ -221,8 +220,7 @@ QByteArray fetch(const QString& url)
     curl_easy_setopt(easy.handle, CURLOPT_WRITEDATA, &body);
     const CURLcode code = curl_easy_perform(easy.handle);
     if (code != CURLE_OK) {
-        qCWarning(lcDirectory).noquote()
-            << QStringLiteral("GET %1: %2").arg(url, failureCause(code, bounds, body, detail));
+        diagnose(QStringLiteral("GET ") + url, failureCause(code, bounds, body, detail));
         Fatal::noDirectoryData();
     }
     long status = 0;
@@ -241,9 +239,19 @@ QString origin(const QByteArray& data)
     return QStringLiteral("an answer of %1 bytes").arg(data.size());
 }
 
+void diagnose(const QString& where, const QString& cause)
+{
+    QString line = where + QStringLiteral(": ") + cause;
+    for (QChar& c : line) {
+        if (c.category() == QChar::Other_Control)
+            c = u'?';
+    }
+    qCWarning(lcDirectory).noquote() << line;
+}
+
 void diagnose(const QByteArray& data, const QString& cause)
 {
-    qCWarning(lcDirectory).noquote() << origin(data) + QStringLiteral(": ") + cause;
+    diagnose(origin(data), cause);
 }
 
 } // namespace Quorlix::DirectoryClient

@@ -47,8 +47,10 @@ QByteArray fetch(const QString& url);
 /// the body of this thread's last fetch, else "an answer of <n> bytes".
 QString origin(const QByteArray& data);
 
-/// Logs one line on the directory category: origin(data) and cause. For the stops that the
-/// directory's answers cause, just before them.
+/// Logs one line on the directory category, "<where>: <cause>", with control characters shown as
+/// '?' (causes quote the service's text). For the stops that the directory causes, just before.
+void diagnose(const QString& where, const QString& cause);
+/// The same with origin(data) as where.
 void diagnose(const QByteArray& data, const QString& cause);
 
 } // namespace Quorlix::DirectoryClient

@@ -12,14 +12,36 @@ namespace {
 
 using Json = nlohmann::json;
 
-// Far deeper than any scenario; deeper documents are refused while they are parsed, so that nothing
-// recursive (copies, dumps) ever walks them.
+// Far deeper than any scenario; deeper documents are refused before they are parsed, so that
+// nothing recursive (copies, dumps) ever walks them.
 constexpr int maxDepth = 64;
 constexpr std::size_t maxBeacons = 10'000;
 constexpr qint64 maxScenarioBytes = 64 * 1024 * 1024;
 
-struct TooDeep
-{};
+// The deepest nesting of arrays and objects in text that looks like JSON; brackets in strings do
+// not count. Malformed text is the parser's business.
+int nestingDepth(const QByteArray& text)
+{
+    int depth = 0;
+    int deepest = 0;
+    bool inString = false;
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (inString) {
+            if (c == '\\')
+                ++i;
+            else if (c == '"')
+                inString = false;
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            deepest = std::max(deepest, ++depth);
+        } else if (c == ']' || c == '}') {
+            --depth;
+        }
+    }
+    return deepest;
+}
 
 // Parse failures carry the path of the offending member ("beacons[1].path[0]").
 struct ScenarioError
@@ -184,19 +206,16 @@ Scenario parseScenario(const Json& json)
 
 std::optional<Scenario> Scenario::parse(const QByteArray& json, const QString& name, QString* error)
 {
-    Json document;
-    const Json::parser_callback_t depthLimit = [](int depth, Json::parse_event_t event, Json&) {
-        if (depth >= maxDepth && (event == Json::parse_event_t::object_start ||
-                                  event == Json::parse_event_t::array_start))
-            throw TooDeep{};
-        return true;
-    };
-    try {
-        document = Json::parse(json.begin(), json.end(), depthLimit);
-    } catch (const TooDeep&) {
+    // nlohmann's parser callback would do this too, but makes closing objects cost the size of
+    // their parent: quadratic on a long list of beacons.
+    if (nestingDepth(json) > maxDepth) {
         *error =
             QStringLiteral("scenario %1: nested deeper than %2 levels").arg(name).arg(maxDepth);
         return std::nullopt;
+    }
+    Json document;
+    try {
+        document = Json::parse(json.begin(), json.end());
     } catch (const Json::parse_error& e) {
         const qsizetype upTo = std::min<qsizetype>(static_cast<qsizetype>(e.byte), json.size());
         const QByteArray before = json.left(std::max<qsizetype>(upTo - 1, 0));
