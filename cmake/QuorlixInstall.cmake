@@ -29,13 +29,15 @@ if(NOT BUILD_SHARED_LIBS)
     list(PREPEND qt_modules Qt6::DBus)
     set(QUORLIX_PC_LIBS_EXTRA " -lcurl")
 endif()
-set(QUORLIX_PC_QT_CFLAGS "")
+set(qt_includes "")
 set(QUORLIX_PC_QT_LIBS "")
 foreach(module ${qt_modules})
-    string(APPEND QUORLIX_PC_QT_CFLAGS
-           " -I$<JOIN:$<TARGET_PROPERTY:${module},INTERFACE_INCLUDE_DIRECTORIES>, -I>")
+    list(APPEND qt_includes "$<TARGET_PROPERTY:${module},INTERFACE_INCLUDE_DIRECTORIES>")
     string(APPEND QUORLIX_PC_QT_LIBS " $<TARGET_LINKER_FILE:${module}>")
 endforeach()
+# Each directory once, and never the compiler's own /usr/include.
+set(QUORLIX_PC_QT_CFLAGS
+    " -I$<JOIN:$<FILTER:$<REMOVE_DUPLICATES:${qt_includes}>,EXCLUDE,^/usr/include$>, -I>")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/quorlix.pc.in ${PROJECT_BINARY_DIR}/quorlix.pc.in @ONLY)
 file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/quorlix.pc INPUT ${PROJECT_BINARY_DIR}/quorlix.pc.in)
 install(FILES ${PROJECT_BINARY_DIR}/quorlix.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -10,70 +10,54 @@ using namespace Quorlix;
 
 namespace {
 
-struct ParseCase
-{
-    const char16_t* text;
-    std::optional<std::int64_t> expected;
-    friend void PrintTo(const ParseCase& c, std::ostream* os)
-    {
-        *os << '"' << QString::fromUtf16(c.text).toStdString() << '"';
-    }
-};
+constexpr std::int64_t int64Max = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t int64Min = std::numeric_limits<std::int64_t>::min();
 
-class ParseInt64 : public testing::TestWithParam<ParseCase>
-{};
-
-TEST_P(ParseInt64, AcceptsOnlyASignAndAsciiDigitsThatFit)
+TEST(Checked, ParseInt64AcceptsOnlyASignAndAsciiDigitsThatFit)
 {
-    EXPECT_EQ(Checked::parseInt64(QStringView(GetParam().text)), GetParam().expected);
+    const std::pair<const char16_t*, std::optional<std::int64_t>> cases[] = {
+        {u"007", 7},
+        {u"+5", 5},
+        {u"-5", -5},
+        {u"9223372036854775807", int64Max},
+        {u"-9223372036854775808", int64Min},
+        {u"9223372036854775808", {}},
+        {u"-9223372036854775809", {}},
+        {u"99999999999999999999", {}},
+        {u"", {}},
+        {u"+", {}},
+        {u"-", {}},
+        {u"+-5", {}},
+        {u" 5", {}},
+        {u"5 ", {}},
+        {u"5a", {}},
+        {u"0x10", {}},
+        {u"\u0663", {}},
+        {u"\uff15", {}}};
+    for (const auto& [text, expected] : cases)
+        EXPECT_EQ(Checked::parseInt64(QStringView(text)), expected)
+            << QString::fromUtf16(text).toStdString();
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Texts, ParseInt64,
-    testing::Values(ParseCase{u"0", 0}, ParseCase{u"007", 7}, ParseCase{u"+5", 5},
-                    ParseCase{u"-5", -5}, ParseCase{u"65536", 65536},
-                    ParseCase{u"9223372036854775807", std::numeric_limits<std::int64_t>::max()},
-                    ParseCase{u"-9223372036854775808", std::numeric_limits<std::int64_t>::min()},
-                    ParseCase{u"9223372036854775808", std::nullopt},
-                    ParseCase{u"-9223372036854775809", std::nullopt},
-                    ParseCase{u"99999999999999999999", std::nullopt}, ParseCase{u"", std::nullopt},
-                    ParseCase{u"+", std::nullopt}, ParseCase{u"-", std::nullopt},
-                    ParseCase{u"+-5", std::nullopt}, ParseCase{u" 5", std::nullopt},
-                    ParseCase{u"5 ", std::nullopt}, ParseCase{u"5a", std::nullopt},
-                    ParseCase{u"0x10", std::nullopt}, ParseCase{u"\u0663", std::nullopt},
-                    ParseCase{u"\uff15", std::nullopt}));
-
-TEST(CheckedConversion, DoubleToInt64KeepsTheWholeRange)
+TEST(CheckedDeathTest, ConversionsKeepTheWholeRangeAndStopOutsideIt)
 {
-    EXPECT_EQ(Checked::toInt64(-9223372036854775808.0), std::numeric_limits<std::int64_t>::min());
+    EXPECT_EQ(Checked::toInt64(-9223372036854775808.0), int64Min);
     EXPECT_EQ(Checked::toInt64(9223372036854774784.0), 9223372036854774784);
     EXPECT_EQ(Checked::toInt64(-2.9), -2);
-    EXPECT_EQ(Checked::toInt64(5e9), 5000000000);
-}
-
-TEST(CheckedConversionDeathTest, DoubleToInt64StopsWithTheReason)
-{
-    constexpr const char* prefix =
+    const std::string prefix =
         "fatal error: floating point value can not be converted to Int64 because it is ";
     EXPECT_DEATH(Checked::toInt64(std::numeric_limits<double>::quiet_NaN()),
-                 std::string(prefix) + "either infinite or NaN");
+                 prefix + "either infinite or NaN");
     EXPECT_DEATH(Checked::toInt64(-std::numeric_limits<double>::infinity()),
-                 std::string(prefix) + "either infinite or NaN");
-    EXPECT_DEATH(Checked::toInt64(9223372036854775808.0),
-                 std::string(prefix) + "greater than Int64.max");
-    EXPECT_DEATH(Checked::toInt64(-9223372036854777856.0),
-                 std::string(prefix) + "less than Int64.min");
-}
+                 prefix + "either infinite or NaN");
+    EXPECT_DEATH(Checked::toInt64(9223372036854775808.0), prefix + "greater than Int64.max");
+    EXPECT_DEATH(Checked::toInt64(-9223372036854777856.0), prefix + "less than Int64.min");
 
-TEST(CheckedArithmeticDeathTest, OverflowAndNarrowingStopWithoutAMessage)
-{
-    EXPECT_EQ(Checked::multiply(9223372036, 1000000000), 9223372036000000000);
+    // Overflow and narrowing stop without a message.
     EXPECT_EQ(Checked::multiply(-9223372036, 1000000000), -9223372036000000000);
     EXPECT_DEATH(Checked::multiply(9223372037, 1000000000), "^$");
     EXPECT_DEATH(Checked::multiply(-9223372037, 1000000000), "^$");
-
     EXPECT_EQ(Checked::toUInt16(65535), 65535);
-    EXPECT_EQ(Checked::toUInt16(0), 0);
     EXPECT_DEATH(Checked::toUInt16(65536), "^$");
     EXPECT_DEATH(Checked::toUInt16(-1), "^$");
 }

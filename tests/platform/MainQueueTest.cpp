@@ -12,6 +12,8 @@ using namespace Quorlix;
 
 namespace {
 
+// Delays are rounded up to whole milliseconds, so that nothing runs early: 1 ns waits for a
+// timer of 1 ms (after the 0 ms actions), 149'000'001 ns for the same 150 ms as 150'000'000.
 TEST(MainQueue, RunsActionsInDueOrderNeverEarly)
 {
     QStringList ran;
@@ -19,15 +21,17 @@ TEST(MainQueue, RunsActionsInDueOrderNeverEarly)
     clock.start();
     qint64 lateActionAt = -1;
     MainQueue::after(150'000'000, [&] {
-        ran << "late";
+        ran << "150 ms";
         lateActionAt = clock.elapsed();
     });
+    MainQueue::after(149'000'001, [&] { ran << "149.000001 ms"; });
+    MainQueue::after(1, [&] { ran << "1 ns"; });
     MainQueue::after(0, [&] { ran << "now"; });
     MainQueue::after(-5, [&] { ran << "negative"; });
     // Not run synchronously: the caller always returns first.
     EXPECT_TRUE(ran.isEmpty());
-    Testing::runUntil([&] { return ran.size() == 3; }, 2000);
-    EXPECT_EQ(ran, (QStringList{"now", "negative", "late"}));
+    Testing::runUntil([&] { return ran.size() == 5; }, 2000);
+    EXPECT_EQ(ran, (QStringList{"now", "negative", "1 ns", "150 ms", "149.000001 ms"}));
     EXPECT_GE(lateActionAt, 150);
 }
 

@@ -20,57 +20,75 @@ struct stat statusOf(const QString& file)
     return info;
 }
 
-void writeRaw(const QString& file, const QByteArray& bytes)
+void writeRaw(const QString& file, const QByteArray& bytes, int mode = 0600)
 {
     QDir().mkpath(QFileInfo(file).path());
     QFile out(file);
     ASSERT_TRUE(out.open(QIODevice::WriteOnly | QIODevice::Truncate));
     out.write(bytes);
+    out.close();
+    ASSERT_EQ(::chmod(QFile::encodeName(file).constData(), mode), 0);
+}
+
+// Qt caches a settings file per process: every read of what was written goes through a copy
+// under a new name, so that the bytes on disk are what is read.
+std::optional<QStringList> readCopy(const QString& file, const QString& key)
+{
+    static int copies = 0;
+    const QString copy = file + QStringLiteral(".copy-%1").arg(++copies);
+    EXPECT_TRUE(QFile::copy(file, copy));
+    return UserDefaults(copy).stringArray(key);
 }
 
 } // namespace
 
-TEST(UserDefaults, KeepsListsExactlyAndReadsAnythingElseAsNoList)
+TEST(UserDefaults, OnlyAnArrayOfTextsIsAListAndAnEmptyOneIsNotAbsence)
 {
     QTemporaryDir dir;
     const QString file = dir.filePath("app/app.json");
-    writeRaw(file, R"({"Text": "1047", "Number": 1047, "Mixed": ["1047", 1048], "Null": null})");
-    UserDefaults defaults(file);
+    writeRaw(file, R"({"Text": "1047", "Number": 1047, "Mixed": ["1047", 1048], "Null": null,
+                       "Empty": [], "One": ["1047"]})");
+    const UserDefaults defaults(file);
     for (const char* key : {"Text", "Number", "Mixed", "Null", "Missing"})
         EXPECT_EQ(defaults.stringArray(key), std::nullopt) << key;
+    EXPECT_EQ(defaults.stringArray("Empty"), QStringList());
+    EXPECT_EQ(defaults.stringArray("One"), QStringList({"1047"}));
 
     // The shapes that Qt's INI format gets wrong: empty, one element, commas, quotes.
     for (const QStringList& list : QList<QStringList>{
              {}, {"1047"}, {"1047", "1047"}, {"a,b", " x ", "\"q\"", "@Invalid()", "ü"}}) {
-        ASSERT_TRUE(defaults.setStringArray("Keys", list));
-        EXPECT_EQ(UserDefaults(file).stringArray("Keys"), list);
+        ASSERT_TRUE(UserDefaults(file).setStringArray("Keys", list));
+        EXPECT_EQ(readCopy(file, "Keys"), list);
     }
     // A save of one entry keeps the others, whatever their kind.
+    EXPECT_EQ(readCopy(file, "One"), QStringList({"1047"}));
     QFile saved(file);
     ASSERT_TRUE(saved.open(QIODevice::ReadOnly));
     const QByteArray json = saved.readAll();
     EXPECT_TRUE(json.contains(R"("Mixed")") && json.contains(R"("Text")")) << json.constData();
 }
 
-TEST(UserDefaults, SavesReplaceAnOwnerOnlyFileAndKeepAnUnreadableOneAside)
+TEST(UserDefaults, SavesReplaceTheStoreWithAnOwnerOnlyFileAndKeepAnUnreadableOneAside)
 {
     QTemporaryDir dir;
     const QString file = dir.filePath("app/app.json");
-    writeRaw(file, R"({"Keys": ["1047")");
-    ASSERT_EQ(::chmod(QFile::encodeName(file).constData(), 0644), 0);
+    writeRaw(file, R"({"Keys": ["1047"]})", 0644);
     const ino_t before = statusOf(file).st_ino;
-
-    UserDefaults defaults(file);
-    EXPECT_EQ(defaults.stringArray("Keys"), std::nullopt);
-    ASSERT_TRUE(defaults.setStringArray("Keys", {"2001"}));
-    EXPECT_EQ(defaults.stringArray("Keys"), QStringList({"2001"}));
+    ASSERT_TRUE(UserDefaults(file).setStringArray("Keys", {"2001"}));
     // A new inode: written aside and renamed over the store, never into it.
     EXPECT_NE(statusOf(file).st_ino, before);
     EXPECT_EQ(statusOf(file).st_mode & 0777, 0600u);
 
-    const QStringList aside = QDir(dir.filePath("app")).entryList({"app.json.unreadable-*"});
+    const QString bad = dir.filePath("bad/app.json");
+    writeRaw(bad, R"({"Keys": ["1047")", 0644);
+    UserDefaults defaults(bad);
+    EXPECT_EQ(defaults.stringArray("Keys"), std::nullopt);
+    ASSERT_TRUE(defaults.setStringArray("Keys", {"2001"}));
+    EXPECT_EQ(readCopy(bad, "Keys"), QStringList({"2001"}));
+    EXPECT_EQ(statusOf(bad).st_mode & 0777, 0600u);
+    const QStringList aside = QDir(dir.filePath("bad")).entryList({"app.json.unreadable-*"});
     ASSERT_EQ(aside.size(), 1);
-    QFile kept(dir.filePath("app/" + aside.first()));
+    QFile kept(dir.filePath("bad/" + aside.first()));
     ASSERT_TRUE(kept.open(QIODevice::ReadOnly));
     EXPECT_EQ(kept.readAll(), R"({"Keys": ["1047")");
 

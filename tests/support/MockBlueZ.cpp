@@ -20,6 +20,8 @@ bool bluezOnBus()
     return QDBusConnection::systemBus().interface()->isServiceRegistered(service);
 }
 
+// The bus daemon releases a name only after it has seen the owner's connection close, which may
+// be a moment after the process was reaped.
 void waitForBus(bool present)
 {
     QDeadlineTimer deadline(10'000);
@@ -52,9 +54,10 @@ MockBlueZ::MockBlueZ()
 
 MockBlueZ::~MockBlueZ()
 {
-    if (m_process) {
-        m_process->kill();
-        m_process->waitForFinished();
+    try {
+        stop();
+    } catch (const std::exception& error) {
+        qWarning("%s", error.what());
     }
 }
 
@@ -80,11 +83,8 @@ void MockBlueZ::stop()
 {
     if (!m_process)
         return;
-    m_process->terminate();
-    if (!m_process->waitForFinished(5000)) {
-        m_process->kill();
-        m_process->waitForFinished();
-    }
+    m_process->kill();
+    m_process->waitForFinished();
     m_process.reset();
     waitForBus(false);
 }
@@ -93,7 +93,7 @@ void MockBlueZ::start()
 {
     if (!onPrivateBus())
         throw std::runtime_error("the system bus is not a private test bus; run the test through "
-                                 "tests/bluez/private-bus.sh");
+                                 "tests/support/private-bus.sh");
     if (bluezOnBus())
         throw std::runtime_error("org.bluez is already owned on the test bus");
     m_process = std::make_unique<QProcess>();
@@ -156,6 +156,13 @@ void MockBlueZ::advertise(const QString& devicePath, int rssi, quint16 company,
     callMock(QStringLiteral("Advertise"),
              {devicePath, QVariant::fromValue(static_cast<qint16>(rssi)),
               QVariant::fromValue(company), data});
+}
+
+void MockBlueZ::advertiseData(const QString& devicePath, quint16 company, const QByteArray& data,
+                              bool invalidateRssi)
+{
+    callMock(QStringLiteral("AdvertiseData"),
+             {devicePath, QVariant::fromValue(company), data, invalidateRssi});
 }
 
 void MockBlueZ::changeRssi(const QString& devicePath, int rssi)

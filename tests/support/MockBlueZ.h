@@ -11,7 +11,7 @@ namespace Quorlix::Testing {
 
 /// A mock bluetoothd (python3-dbusmock's bluez5 template with the beacon extension in
 /// bluez_beacons.py) owning org.bluez on the system bus, which must be a private bus
-/// (tests/bluez/private-bus.sh). Calls fail the current test when the mock refuses them.
+/// (tests/support/private-bus.sh). Calls fail the current test when the mock refuses them.
 class MockBlueZ
 {
 public:
@@ -26,7 +26,8 @@ public:
     /// The manufacturer data bytes of an iBeacon frame (after Apple's company identifier).
     static QByteArray iBeaconData(const QString& uuid, quint16 major, quint16 minor, qint8 power);
 
-    /// Kills the mock (bluetoothd going away) and waits until org.bluez is gone.
+    /// Kills the mock (bluetoothd going away) and waits until org.bluez is gone; so does the
+    /// destructor, so that the next mock can take the name.
     void stop();
     /// Starts a fresh mock, with no adapter, and waits for org.bluez.
     void start();
@@ -42,6 +43,9 @@ public:
     QString addBeacon(const QString& adapter, const QString& address, int rssi, quint16 company,
                       const QByteArray& data);
     void advertise(const QString& devicePath, int rssi, quint16 company, const QByteArray& data);
+    /// ManufacturerData alone, with RSSI invalidated when asked.
+    void advertiseData(const QString& devicePath, quint16 company, const QByteArray& data,
+                       bool invalidateRssi);
     void changeRssi(const QString& devicePath, int rssi);
     /// Asks the mock to send count adverts round-robin over the devices; returns at once.
     void flood(const QStringList& devicePaths, quint32 count, quint16 company,

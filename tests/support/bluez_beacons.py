@@ -140,6 +140,17 @@ def ChangeRssi(_self, path, rssi):
     _advertise(mockobject.objects[path], {'RSSI': dbus.Int16(rssi, variant_level=1)})
 
 
+@dbus.service.method(MOCK_IFACE, in_signature='sqayb', out_signature='')
+def AdvertiseData(_self, path, company, data, invalidate_rssi):
+    '''ManufacturerData alone, optionally with RSSI invalidated (as bluetoothd does when it
+    clears a device's reading).'''
+    device = mockobject.objects[path]
+    changed = {'ManufacturerData': _manufacturer_data(company, data)}
+    device.props[DEVICE_IFACE].update(changed)
+    device.EmitSignal(dbus.PROPERTIES_IFACE, 'PropertiesChanged', 'sa{sv}as',
+                      [DEVICE_IFACE, changed, ['RSSI'] if invalidate_rssi else []])
+
+
 @dbus.service.method(MOCK_IFACE, in_signature='asuqay', out_signature='u')
 def Flood(_self, paths, count, company, data):
     '''count adverts round-robin over the devices, as fast as this process can send them.

@@ -1,4 +1,5 @@
 #include "DirectoryProcess.h"
+#include "EventLoop.h"
 #include "MockBlueZ.h"
 
 #include "quorlix/events/VeskEventManager.h"
@@ -8,81 +9,66 @@
 
 #include <gtest/gtest.h>
 
-#include <QCoreApplication>
 #include <QElapsedTimer>
-#include <QTest>
 #include <QTimer>
 
 namespace Quorlix {
 namespace {
 
 using Testing::MockBlueZ;
+using namespace Qt::StringLiterals;
 
-const QString familyUuid = QStringLiteral("e1876979-75b5-43de-92cb-2bc1ad6ba999");
-constexpr std::int64_t exitPeriodMs = 1500;
-
-void runFor(int ms)
-{
-    QElapsedTimer elapsed;
-    elapsed.start();
-    while (elapsed.elapsed() < ms)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-}
+constexpr int exitPeriodMs = 1500;
 
 TEST(BlueZEndToEnd, AdvertsOnTheBusReachAnEventManagerAsEntryRangingAndExit)
 {
     ASSERT_TRUE(MockBlueZ::onPrivateBus()) << "run under private-bus.sh";
     MockBlueZ mock;
-    mock.addAdapter(QStringLiteral("hci0"));
+    mock.addAdapter(u"hci0"_s);
     Testing::DirectoryProcess directory; // device 1047 is 12-7
 
     qputenv(SourceSelection::variable, "bluez");
-    const auto manager = VeskEventManager::create(QStringLiteral("1047"));
+    const auto manager = VeskEventManager::create(u"1047"_s);
     qunsetenv(SourceSelection::variable);
     auto* location = dynamic_cast<EngineLocationManager*>(manager->locationManager.get());
     ASSERT_NE(location, nullptr) << "QUORLIX_LOCATION_SOURCE=bluez gave no region engine";
-    location->engine().setExitPeriodNs(exitPeriodMs * 1'000'000);
+    location->engine().setExitPeriodNs(exitPeriodMs * 1'000'000LL);
     QStringList events;
     QList<std::shared_ptr<VeskDevice>> ranges;
-    manager->onEntry([&](const auto&) { events << QStringLiteral("entry"); });
-    manager->onExit([&](const auto&) { events << QStringLiteral("exit"); });
+    manager->onEntry([&](const auto&) { events << u"entry"_s; });
+    manager->onExit([&](const auto&) { events << u"exit"_s; });
     manager->onRange([&](const auto& device) { ranges << device; });
-    ASSERT_TRUE(QTest::qWaitFor(
-        [&] {
-            return mock.discoveryLog(QStringLiteral("hci0"))
-                .contains(QStringLiteral("StartDiscovery"));
-        },
-        5000));
+    ASSERT_TRUE(Testing::runUntil(
+        [&] { return mock.discoveryLog(u"hci0"_s).contains(u"StartDiscovery"_s); }, 5000));
 
     // Device 1047, and a nearer beacon of the family that belongs to another device (12-8).
-    const QByteArray frame1047 = MockBlueZ::iBeaconData(familyUuid, 12, 7, -59);
-    const QByteArray frame1048 = MockBlueZ::iBeaconData(familyUuid, 12, 8, -59);
+    const QString uuid = u"e1876979-75b5-43de-92cb-2bc1ad6ba999"_s;
+    const QByteArray frame1047 = MockBlueZ::iBeaconData(uuid, 12, 7, -59);
+    const QByteArray frame1048 = MockBlueZ::iBeaconData(uuid, 12, 8, -59);
+    constexpr quint16 apple = IBeaconAdvert::appleCompanyId;
     const QString beacon1047 =
-        mock.addBeacon(QStringLiteral("hci0"), QStringLiteral("C0:FF:EE:10:47:00"), -55,
-                       IBeaconAdvert::appleCompanyId, frame1047);
+        mock.addBeacon(u"hci0"_s, u"C0:FF:EE:10:47:00"_s, -55, apple, frame1047);
     const QString beacon1048 =
-        mock.addBeacon(QStringLiteral("hci0"), QStringLiteral("C0:FF:EE:10:48:00"), -40,
-                       IBeaconAdvert::appleCompanyId, frame1048);
+        mock.addBeacon(u"hci0"_s, u"C0:FF:EE:10:48:00"_s, -40, apple, frame1048);
     // Byte-identical adverts at a steady RSSI for three exit periods: exactly what de-duplication
     // would silence, and must not end in an exit.
     QTimer advertiser;
     QObject::connect(&advertiser, &QTimer::timeout, [&] {
-        mock.advertise(beacon1047, -55, IBeaconAdvert::appleCompanyId, frame1047);
-        mock.advertise(beacon1048, -40, IBeaconAdvert::appleCompanyId, frame1048);
+        mock.advertise(beacon1047, -55, apple, frame1047);
+        mock.advertise(beacon1048, -40, apple, frame1048);
     });
     advertiser.start(100);
-    runFor(3 * exitPeriodMs);
-    EXPECT_EQ(events, QStringList{QStringLiteral("entry")});
+    Testing::runFor(3 * exitPeriodMs);
+    EXPECT_EQ(events, QStringList{u"entry"_s});
     ASSERT_GE(ranges.size(), 3);
     for (const auto& device : ranges)
-        EXPECT_EQ(device->rssi, QStringLiteral("-55")) << "a report of another beacon";
+        EXPECT_EQ(device->rssi, u"-55"_s) << "a report of another beacon";
 
-    // Silence: 1047 is gone.
     advertiser.stop();
     QElapsedTimer silence;
     silence.start();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return events.size() == 2; }, 4 * exitPeriodMs));
-    EXPECT_EQ(events, (QStringList{QStringLiteral("entry"), QStringLiteral("exit")}));
+    ASSERT_TRUE(Testing::runUntil([&] { return events.size() == 2; }, 4 * exitPeriodMs));
+    EXPECT_EQ(events, (QStringList{u"entry"_s, u"exit"_s}));
     EXPECT_GE(silence.elapsed(), exitPeriodMs - 100);
 }
 

@@ -16,23 +16,24 @@ namespace Quorlix {
 
 void PrintTo(const Sighting& s, std::ostream* out)
 {
-    *out << "{t=" << s.timeNs << " " << s.address.constData() << " "
-         << s.proximityUUID.toString(QUuid::WithoutBraces).toStdString() << " " << s.major << "/"
-         << s.minor << " power=" << int(s.measuredPower) << " rssi=" << s.rssi << "}";
+    *out << "{t=" << s.timeNs << " " << s.address.constData() << " " << s.major << "/" << s.minor
+         << " power=" << int(s.measuredPower) << " rssi=" << s.rssi << "}";
 }
 
 namespace {
 
 using Testing::MockBlueZ;
 using namespace std::chrono_literals;
+using namespace Qt::StringLiterals;
 
-const QString familyUuid = QStringLiteral("e1876979-75b5-43de-92cb-2bc1ad6ba999");
-const QString filterLine =
-    QStringLiteral("SetDiscoveryFilter DuplicateData=1 RSSI=-127 Transport=le");
-const QString start = QStringLiteral("StartDiscovery");
-const QString stop = QStringLiteral("StopDiscovery");
+const QString familyUuid = u"e1876979-75b5-43de-92cb-2bc1ad6ba999"_s;
+const QString filterLine = u"SetDiscoveryFilter DuplicateData=1 RSSI=-127 Transport=le"_s;
+const QString start = u"StartDiscovery"_s;
+const QString stop = u"StopDiscovery"_s;
+const QString hci0 = u"hci0"_s;
+constexpr quint16 apple = IBeaconAdvert::appleCompanyId;
 
-// Messages of the source's logging category, as "level: text".
+// Messages of the source's logging category.
 class CategoryLog
 {
 public:
@@ -47,19 +48,13 @@ public:
         static QStringList captured;
         return captured;
     }
-    bool contains(const QString& text) const
-    {
-        return std::any_of(lines().cbegin(), lines().cend(),
-                           [&](const QString& line) { return line.contains(text); });
-    }
+    bool contains(const QString& text) const { return lines().join(u'\n').contains(text); }
 
 private:
-    static void handle(QtMsgType type, const QMessageLogContext& context, const QString& text)
+    static void handle(QtMsgType, const QMessageLogContext& context, const QString& text)
     {
-        if (QLatin1String(context.category) != QLatin1String("quorlix.platform.bluez"))
-            return;
-        lines().append(
-            (type == QtWarningMsg ? QStringLiteral("warning: ") : QStringLiteral("info: ")) + text);
+        if (QLatin1String(context.category) == QLatin1String("quorlix.platform.bluez"))
+            lines().append(text);
     }
     QtMessageHandler previous = nullptr;
 };
@@ -92,17 +87,24 @@ protected:
     bool waitForDiscoveryLog(const QString& adapter, const QStringList& calls)
     {
         QStringList seen;
-        const bool ok =
-            QTest::qWaitFor([&] { return (seen = mock.discoveryLog(adapter)) == calls; }, 5000);
-        if (!ok)
-            ADD_FAILURE() << "discovery calls on " << adapter.toStdString() << ": "
-                          << seen.join(QStringLiteral(", ")).toStdString();
-        return ok;
+        if (QTest::qWaitFor([&] { return (seen = mock.discoveryLog(adapter)) == calls; }, 5000))
+            return true;
+        ADD_FAILURE() << adapter.toStdString() << ": " << seen.join(u", ").toStdString();
+        return false;
     }
 
     bool waitForSightings(qsizetype count)
     {
         return QTest::qWaitFor([&] { return sightings.size() >= count; }, 5000);
+    }
+
+    std::unique_ptr<BlueZSource> scanningSource()
+    {
+        mock.addAdapter(hci0);
+        auto source = makeSource();
+        source->setScanning(true);
+        EXPECT_TRUE(waitForDiscoveryLog(hci0, {filterLine, start}));
+        return source;
     }
 
     CategoryLog log;
@@ -113,24 +115,17 @@ protected:
 
 TEST_F(BlueZSourceTest, EveryAdvertOfABeaconBecomesASighting)
 {
-    mock.addAdapter(QStringLiteral("hci0"));
-    const auto source = makeSource();
-    source->setScanning(true);
-    ASSERT_TRUE(waitForDiscoveryLog(QStringLiteral("hci0"), {filterLine, start}));
-
+    const auto source = scanningSource();
     clock.advanceTo(1000);
-    const QString beacon =
-        mock.addBeacon(QStringLiteral("hci0"), QStringLiteral("C0:FF:EE:00:00:01"), -61,
-                       IBeaconAdvert::appleCompanyId, frame(12, 7));
+    const QString beacon = mock.addBeacon(hci0, u"C0:FF:EE:00:00:01"_s, -61, apple, frame(12, 7));
     ASSERT_TRUE(waitForSightings(1));
     clock.advanceTo(2000);
     // Identical adverts are not duplicates to drop: each one is a fresh reading.
-    mock.advertise(beacon, -70, IBeaconAdvert::appleCompanyId, frame(12, 7));
-    mock.advertise(beacon, -70, IBeaconAdvert::appleCompanyId, frame(12, 7));
+    mock.advertise(beacon, -70, apple, frame(12, 7));
+    mock.advertise(beacon, -70, apple, frame(12, 7));
     // bluetoothd sends RSSI alone when the advert data did not change.
     mock.changeRssi(beacon, -75);
     ASSERT_TRUE(waitForSightings(4));
-
     EXPECT_EQ(sightings, (QList<Sighting>{expected(1000, "C0:FF:EE:00:00:01", 12, 7, -59, -61),
                                           expected(2000, "C0:FF:EE:00:00:01", 12, 7, -59, -70),
                                           expected(2000, "C0:FF:EE:00:00:01", 12, 7, -59, -70),
@@ -139,75 +134,85 @@ TEST_F(BlueZSourceTest, EveryAdvertOfABeaconBecomesASighting)
 
 TEST_F(BlueZSourceTest, AdvertsThatAreNotIBeaconsAreIgnoredAndEndTheDevicesFrame)
 {
-    struct Case
+    const QByteArray good = frame(300, 1);
+    const struct
     {
         const char* name;
         quint16 company;
         QByteArray data;
-    };
-    const QByteArray good = frame(300, 1);
-    const Case cases[] = {
+    } cases[] = {
         {"another company's data", 0x0059, good},
-        {"a truncated frame", IBeaconAdvert::appleCompanyId, good.left(good.size() - 1)},
-        {"another Apple frame type", IBeaconAdvert::appleCompanyId,
-         QByteArray("\x10\x05\x01\x02\x03\x04\x05", 7)},
+        {"a truncated frame", apple, good.left(good.size() - 1)},
+        {"another Apple frame type", apple, QByteArray("\x10\x05\x01\x02\x03\x04\x05", 7)},
     };
-    mock.addAdapter(QStringLiteral("hci0"));
-    const auto source = makeSource();
-    source->setScanning(true);
-    ASSERT_TRUE(waitForDiscoveryLog(QStringLiteral("hci0"), {filterLine, start}));
-    const QString beacon =
-        mock.addBeacon(QStringLiteral("hci0"), QStringLiteral("C0:FF:EE:00:00:02"), -50,
-                       IBeaconAdvert::appleCompanyId, good);
-    const QString marker =
-        mock.addBeacon(QStringLiteral("hci0"), QStringLiteral("C0:FF:EE:00:00:03"), -90,
-                       IBeaconAdvert::appleCompanyId, frame(300, 2));
+    const auto source = scanningSource();
+    const QString beacon = mock.addBeacon(hci0, u"C0:FF:EE:00:00:02"_s, -50, apple, good);
+    const QString marker = mock.addBeacon(hci0, u"C0:FF:EE:00:00:03"_s, -90, apple, frame(300, 2));
     ASSERT_TRUE(waitForSightings(2));
-
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         sightings.clear();
         mock.advertise(beacon, -51, c.company, c.data);
         // The device no longer carries the frame: its RSSI is not a reading of the beacon.
         mock.changeRssi(beacon, -52);
         // Signals arrive in order, so the marker's sighting means the two above were handled.
-        mock.advertise(marker, -91, IBeaconAdvert::appleCompanyId, frame(300, 2));
+        mock.advertise(marker, -91, apple, frame(300, 2));
         ASSERT_TRUE(waitForSightings(1));
         EXPECT_EQ(sightings, QList<Sighting>{expected(0, "C0:FF:EE:00:00:03", 300, 2, -59, -91)});
-        // And the beacon is back with its next iBeacon advert.
         sightings.clear();
-        mock.advertise(beacon, -53, IBeaconAdvert::appleCompanyId, good);
+        mock.advertise(beacon, -53, apple, good);
         ASSERT_TRUE(waitForSightings(1));
         EXPECT_EQ(sightings.constFirst().rssi, -53);
     }
 }
 
+// An RSSI is a reading only when it came with this signal or an earlier one of this scan: the
+// old reading of a device already known, or one bluetoothd invalidated, is never passed on again
+// by a signal that carries only the advert data.
+TEST_F(BlueZSourceTest, DataAloneReusesOnlyAnRssiHeardSinceAndNotInvalidated)
+{
+    mock.addAdapter(hci0);
+    const QString known = mock.addBeacon(hci0, u"C0:FF:EE:00:00:0A"_s, -60, apple, frame(5, 1));
+    const auto source = makeSource();
+    source->setScanning(true);
+    ASSERT_TRUE(waitForDiscoveryLog(hci0, {filterLine, start}));
+    const auto settle = [&](int rssi) { // the marker's sighting: every earlier signal is handled
+        mock.changeRssi(known, rssi);
+        return waitForSightings(sightings.size() + 1);
+    };
+    mock.advertiseData(known, apple, frame(5, 1), false);
+    ASSERT_TRUE(settle(-61));
+    mock.advertiseData(known, apple, frame(5, 2), false);
+    ASSERT_TRUE(waitForSightings(2));
+    mock.advertiseData(known, apple, frame(5, 3), true);
+    mock.advertiseData(known, apple, frame(5, 4), false);
+    ASSERT_TRUE(settle(-62));
+    EXPECT_EQ(sightings, (QList<Sighting>{expected(0, "C0:FF:EE:00:00:0A", 5, 1, -59, -61),
+                                          expected(0, "C0:FF:EE:00:00:0A", 5, 2, -59, -61),
+                                          expected(0, "C0:FF:EE:00:00:0A", 5, 4, -59, -62)}));
+}
+
 TEST_F(BlueZSourceTest, DiscoveryRunsExactlyWhileScanningIsWanted)
 {
-    mock.addAdapter(QStringLiteral("hci0"));
-    const QString beacon =
-        mock.addBeacon(QStringLiteral("hci0"), QStringLiteral("C0:FF:EE:00:00:04"), -60,
-                       IBeaconAdvert::appleCompanyId, frame(1200, 7));
+    mock.addAdapter(hci0);
+    const QString beacon = mock.addBeacon(hci0, u"C0:FF:EE:00:00:04"_s, -60, apple, frame(1200, 7));
     const auto source = makeSource();
-
     source->setScanning(true);
     source->setScanning(true);
-    ASSERT_TRUE(waitForDiscoveryLog(QStringLiteral("hci0"), {filterLine, start}));
+    ASSERT_TRUE(waitForDiscoveryLog(hci0, {filterLine, start}));
     // Known before the start: its old reading is not a sighting, its RSSI updates are.
     mock.changeRssi(beacon, -66);
     ASSERT_TRUE(waitForSightings(1));
     EXPECT_EQ(sightings, QList<Sighting>{expected(0, "C0:FF:EE:00:00:04", 1200, 7, -59, -66)});
 
     source->setScanning(false);
-    ASSERT_TRUE(waitForDiscoveryLog(QStringLiteral("hci0"), {filterLine, start, stop}));
+    ASSERT_TRUE(waitForDiscoveryLog(hci0, {filterLine, start, stop}));
     // Its signal is in before the reply to this call, and is handled right after.
-    mock.advertise(beacon, -67, IBeaconAdvert::appleCompanyId, frame(1200, 7));
+    mock.advertise(beacon, -67, apple, frame(1200, 7));
     QCoreApplication::processEvents();
-
     source->setScanning(true);
-    ASSERT_TRUE(
-        waitForDiscoveryLog(QStringLiteral("hci0"), {filterLine, start, stop, filterLine, start}));
-    mock.advertise(beacon, -68, IBeaconAdvert::appleCompanyId, frame(1200, 7));
+    ASSERT_TRUE(waitForDiscoveryLog(hci0, {filterLine, start, stop, filterLine, start}));
+    mock.advertise(beacon, -68, apple, frame(1200, 7));
     ASSERT_TRUE(waitForSightings(2));
     // The advert heard while scanning was not wanted is not passed on.
     EXPECT_EQ(sightings.size(), 2);
@@ -216,67 +221,50 @@ TEST_F(BlueZSourceTest, DiscoveryRunsExactlyWhileScanningIsWanted)
 
 TEST_F(BlueZSourceTest, ScansOnEveryAdapterAndReleasesThemWhenDestroyed)
 {
-    mock.addAdapter(QStringLiteral("hci0"));
-    auto source = makeSource();
-    source->setScanning(true);
-    ASSERT_TRUE(waitForDiscoveryLog(QStringLiteral("hci0"), {filterLine, start}));
-    mock.addAdapter(QStringLiteral("hci1"));
-    ASSERT_TRUE(waitForDiscoveryLog(QStringLiteral("hci1"), {filterLine, start}));
-    mock.addBeacon(QStringLiteral("hci1"), QStringLiteral("C0:FF:EE:00:00:05"), -60,
-                   IBeaconAdvert::appleCompanyId, frame(1, 1));
+    auto source = scanningSource();
+    mock.addAdapter(u"hci1"_s);
+    ASSERT_TRUE(waitForDiscoveryLog(u"hci1"_s, {filterLine, start}));
+    mock.addBeacon(u"hci1"_s, u"C0:FF:EE:00:00:05"_s, -60, apple, frame(1, 1));
     ASSERT_TRUE(waitForSightings(1));
-
     source.reset();
-    EXPECT_TRUE(waitForDiscoveryLog(QStringLiteral("hci0"), {filterLine, start, stop}));
-    EXPECT_TRUE(waitForDiscoveryLog(QStringLiteral("hci1"), {filterLine, start, stop}));
+    EXPECT_TRUE(waitForDiscoveryLog(hci0, {filterLine, start, stop}));
+    EXPECT_TRUE(waitForDiscoveryLog(u"hci1"_s, {filterLine, start, stop}));
 }
 
-TEST_F(BlueZSourceTest, RestartsDiscoveryPeriodicallyToDefeatTheControllersDuplicateFilter)
+TEST_F(BlueZSourceTest, RestartsDiscoveryPeriodicallyAndRetriesARefusedStart)
 {
-    mock.addAdapter(QStringLiteral("hci0"));
+    mock.addAdapter(hci0);
+    mock.refuseStarts(hci0, 1);
     const auto source = makeSource();
     source->setRestartInterval(150ms);
     source->setScanning(true);
-    const QStringList cycles{filterLine, start, stop, filterLine, start, stop, filterLine, start};
-    ASSERT_TRUE(QTest::qWaitFor(
-        [&] { return mock.discoveryLog(QStringLiteral("hci0")).size() >= cycles.size(); }, 5000));
-    EXPECT_EQ(mock.discoveryLog(QStringLiteral("hci0")).mid(0, cycles.size()), cycles);
+    // A refused start is retried without stopping a session it never had.
+    const QStringList cycles{filterLine, start, filterLine, start,     stop,
+                             filterLine, start, stop,       filterLine};
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return mock.discoveryLog(hci0).size() >= cycles.size(); }, 5000));
+    EXPECT_EQ(mock.discoveryLog(hci0).mid(0, cycles.size()), cycles);
+    EXPECT_TRUE(log.contains(u"cannot start discovery"_s));
+    mock.addBeacon(hci0, u"C0:FF:EE:00:00:09"_s, -60, apple, frame(2001, 1));
+    EXPECT_TRUE(waitForSightings(1));
 
     source->setScanning(false);
-    ASSERT_TRUE(QTest::qWaitFor(
-        [&] { return mock.discoveryLog(QStringLiteral("hci0")).constLast() == stop; }, 5000));
-    const qsizetype calls = mock.discoveryLog(QStringLiteral("hci0")).size();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return mock.discoveryLog(hci0).constLast() == stop; }, 5000));
+    const qsizetype calls = mock.discoveryLog(hci0).size();
     QTest::qWait(400);
-    EXPECT_EQ(mock.discoveryLog(QStringLiteral("hci0")).size(), calls)
-        << "discovery restarted while scanning was not wanted";
+    EXPECT_EQ(mock.discoveryLog(hci0).size(), calls) << "restarted while scanning was not wanted";
 }
 
-TEST_F(BlueZSourceTest, RetriesARefusedStartWithoutStoppingASessionItNeverHad)
-{
-    mock.addAdapter(QStringLiteral("hci0"));
-    mock.refuseStarts(QStringLiteral("hci0"), 1);
-    const auto source = makeSource();
-    source->setRestartInterval(150ms);
-    source->setScanning(true);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return log.contains("cannot start discovery"); }, 5000));
-    const QStringList retried{filterLine, start, filterLine, start};
-    ASSERT_TRUE(QTest::qWaitFor(
-        [&] { return mock.discoveryLog(QStringLiteral("hci0")).size() >= retried.size(); }, 5000));
-    EXPECT_EQ(mock.discoveryLog(QStringLiteral("hci0")).mid(0, retried.size()), retried);
-
-    mock.addBeacon(QStringLiteral("hci0"), QStringLiteral("C0:FF:EE:00:00:09"), -60,
-                   IBeaconAdvert::appleCompanyId, frame(2001, 1));
-    EXPECT_TRUE(waitForSightings(1));
-}
-
-// Scanning is wanted before anything usable exists; the source waits, says why, and starts by
-// itself once the adapter is there.
+// Scanning is wanted while nothing usable is there, from the start or from the middle of a scan;
+// the source says why, and starts by itself once the adapter is usable again.
 struct Unusable
 {
     const char* name;
-    std::function<void(MockBlueZ&)> before;
-    std::function<void(MockBlueZ&)> makeUsable;
+    bool midScan;
+    std::function<void(MockBlueZ&)> disrupt;
+    std::function<void(MockBlueZ&)> restore;
     const char* warning;
+    QStringList calls; ///< the adapter object's whole discovery log once restored
 };
 
 void PrintTo(const Unusable& u, std::ostream* out)
@@ -289,102 +277,77 @@ class BlueZSourceWaitTest : public BlueZSourceTest, public ::testing::WithParamI
 
 TEST_P(BlueZSourceWaitTest, StartsOnceAnAdapterIsUsable)
 {
-    GetParam().before(mock);
-    const auto source = makeSource();
-    source->setScanning(true);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return log.contains(GetParam().warning); }, 5000))
-        << CategoryLog::lines().join(QLatin1Char('\n')).toStdString();
-
-    GetParam().makeUsable(mock);
-    ASSERT_TRUE(waitForDiscoveryLog(QStringLiteral("hci0"), {filterLine, start}));
-    mock.addBeacon(QStringLiteral("hci0"), QStringLiteral("C0:FF:EE:00:00:06"), -60,
-                   IBeaconAdvert::appleCompanyId, frame(12, 8));
-    ASSERT_TRUE(waitForSightings(1));
-    EXPECT_EQ(sightings.constFirst().major, 12);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Initially, BlueZSourceWaitTest,
-    ::testing::Values(Unusable{"NoBluetoothd", [](MockBlueZ& m) { m.stop(); },
-                               [](MockBlueZ& m) {
-                                   m.start();
-                                   m.addAdapter(QStringLiteral("hci0"));
-                               },
-                               "bluetoothd (org.bluez) is not on the system bus"},
-                      Unusable{"NoAdapter", [](MockBlueZ&) {},
-                               [](MockBlueZ& m) { m.addAdapter(QStringLiteral("hci0")); },
-                               "no Bluetooth adapter is present"},
-                      Unusable{"AdapterOff",
-                               [](MockBlueZ& m) {
-                                   m.addAdapter(QStringLiteral("hci0"));
-                                   m.setPowered(QStringLiteral("hci0"), false);
-                               },
-                               [](MockBlueZ& m) { m.setPowered(QStringLiteral("hci0"), true); },
-                               "adapter /org/bluez/hci0 is powered off"}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-// The adapter goes away in the middle of a scan and comes back; scanning resumes on its own.
-struct Disruption
-{
-    const char* name;
-    std::function<void(MockBlueZ&)> disrupt;
-    std::function<void(MockBlueZ&)> restore;
-    const char* warning;
-    QStringList callsAfterRestore; ///< the adapter object's whole discovery log
-};
-
-void PrintTo(const Disruption& d, std::ostream* out)
-{
-    *out << d.name;
-}
-
-class BlueZSourceDisruptionTest : public BlueZSourceTest,
-                                  public ::testing::WithParamInterface<Disruption>
-{};
-
-TEST_P(BlueZSourceDisruptionTest, ResumesScanningWhenTheAdapterComesBack)
-{
-    mock.addAdapter(QStringLiteral("hci0"));
-    const auto source = makeSource();
-    source->setScanning(true);
-    ASSERT_TRUE(waitForDiscoveryLog(QStringLiteral("hci0"), {filterLine, start}));
-    mock.addBeacon(QStringLiteral("hci0"), QStringLiteral("C0:FF:EE:00:00:07"), -60,
-                   IBeaconAdvert::appleCompanyId, frame(12, 7));
-    ASSERT_TRUE(waitForSightings(1));
-
-    GetParam().disrupt(mock);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return log.contains(GetParam().warning); }, 5000))
-        << CategoryLog::lines().join(QLatin1Char('\n')).toStdString();
-    GetParam().restore(mock);
-    ASSERT_TRUE(waitForDiscoveryLog(QStringLiteral("hci0"), GetParam().callsAfterRestore));
-
-    mock.addBeacon(QStringLiteral("hci0"), QStringLiteral("C0:FF:EE:00:00:08"), -62,
-                   IBeaconAdvert::appleCompanyId, frame(12, 8));
-    ASSERT_TRUE(waitForSightings(2));
+    const Unusable& c = GetParam();
+    std::unique_ptr<BlueZSource> source;
+    if (c.midScan) {
+        source = scanningSource();
+        mock.addBeacon(hci0, u"C0:FF:EE:00:00:07"_s, -60, apple, frame(12, 7));
+        ASSERT_TRUE(waitForSightings(1));
+    }
+    c.disrupt(mock);
+    if (!c.midScan) {
+        source = makeSource();
+        source->setScanning(true);
+    }
+    ASSERT_TRUE(QTest::qWaitFor([&] { return log.contains(QString::fromUtf8(c.warning)); }, 5000))
+        << CategoryLog::lines().join(u'\n').toStdString();
+    c.restore(mock);
+    ASSERT_TRUE(waitForDiscoveryLog(hci0, c.calls));
+    mock.addBeacon(hci0, u"C0:FF:EE:00:00:08"_s, -62, apple, frame(12, 8));
+    ASSERT_TRUE(waitForSightings(c.midScan ? 2 : 1));
     EXPECT_EQ(sightings.constLast(), expected(0, "C0:FF:EE:00:00:08", 12, 8, -59, -62));
 }
 
+const auto restart = [](MockBlueZ& m) {
+    m.start();
+    m.addAdapter(hci0);
+};
+const auto addAdapter = [](MockBlueZ& m) { m.addAdapter(hci0); };
+const auto powerOn = [](MockBlueZ& m) { m.setPowered(hci0, true); };
+const auto powerOff = [](MockBlueZ& m) { m.setPowered(hci0, false); };
+const auto killBluetoothd = [](MockBlueZ& m) { m.stop(); };
+
 INSTANTIATE_TEST_SUITE_P(
-    MidScan, BlueZSourceDisruptionTest,
-    ::testing::Values(Disruption{"PoweredOff",
-                                 [](MockBlueZ& m) { m.setPowered(QStringLiteral("hci0"), false); },
-                                 [](MockBlueZ& m) { m.setPowered(QStringLiteral("hci0"), true); },
-                                 "adapter /org/bluez/hci0 was powered off",
-                                 {filterLine, start, filterLine, start}},
-                      Disruption{
-                          "Removed",
-                          [](MockBlueZ& m) { m.removeAdapterWithDevices(QStringLiteral("hci0")); },
-                          [](MockBlueZ& m) { m.addAdapter(QStringLiteral("hci0")); },
-                          "adapter /org/bluez/hci0 was removed",
-                          {filterLine, start}},
-                      Disruption{"BluetoothdRestarted",
-                                 [](MockBlueZ& m) { m.stop(); },
-                                 [](MockBlueZ& m) {
-                                     m.start();
-                                     m.addAdapter(QStringLiteral("hci0"));
-                                 },
-                                 "bluetoothd left the system bus",
-                                 {filterLine, start}}),
+    Adapters, BlueZSourceWaitTest,
+    ::testing::Values(Unusable{"NoBluetoothd",
+                               false,
+                               killBluetoothd,
+                               restart,
+                               "bluetoothd (org.bluez) is not on the system bus",
+                               {filterLine, start}},
+                      Unusable{"NoAdapter",
+                               false,
+                               [](MockBlueZ&) {},
+                               addAdapter,
+                               "no Bluetooth adapter is present",
+                               {filterLine, start}},
+                      Unusable{"AdapterOff",
+                               false,
+                               [](MockBlueZ& m) {
+                                   m.addAdapter(hci0);
+                                   m.setPowered(hci0, false);
+                               },
+                               powerOn,
+                               "adapter /org/bluez/hci0 is powered off",
+                               {filterLine, start}},
+                      Unusable{"PoweredOff",
+                               true,
+                               powerOff,
+                               powerOn,
+                               "adapter /org/bluez/hci0 was powered off",
+                               {filterLine, start, filterLine, start}},
+                      Unusable{"Removed",
+                               true,
+                               [](MockBlueZ& m) { m.removeAdapterWithDevices(hci0); },
+                               addAdapter,
+                               "adapter /org/bluez/hci0 was removed",
+                               {filterLine, start}},
+                      Unusable{"BluetoothdRestarted",
+                               true,
+                               killBluetoothd,
+                               restart,
+                               "bluetoothd left the system bus",
+                               {filterLine, start}}),
     [](const auto& info) { return std::string(info.param.name); });
 
 } // namespace

@@ -24,11 +24,17 @@ std::vector<Sighting> collect(Source& source, VirtualClock& clock, std::int64_t 
     return seen;
 }
 
-Scenario scenario(const char* beaconJson, const char* extra = "")
+// A scenario of one beacon of the family with the given members.
+QByteArray oneBeacon(const QByteArray& members, const QByteArray& extra = "")
+{
+    return "{" + extra + R"("beacons": [{"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", )" +
+           members + "}]}";
+}
+
+Scenario scenario(const QByteArray& members, const QByteArray& extra = "")
 {
     QString error;
-    const QByteArray json = QByteArray("{") + extra + "\"beacons\": [" + beaconJson + "]}";
-    std::optional<Scenario> parsed = Scenario::parse(json, QStringLiteral("test.json"), &error);
+    std::optional<Scenario> parsed = Scenario::parse(oneBeacon(members, extra), "t.json", &error);
     EXPECT_TRUE(parsed.has_value()) << error.toStdString();
     return parsed.value_or(Scenario{});
 }
@@ -37,7 +43,7 @@ TEST(SimulatedSource, BadScenariosNameTheFileAndTheMember)
 {
     const struct
     {
-        const char* json;
+        QByteArray json;
         const char* message;
     } cases[] = {
         {"{}", "scenario bad.json: beacons: missing"},
@@ -46,64 +52,45 @@ TEST(SimulatedSource, BadScenariosNameTheFileAndTheMember)
         {"{\"beacons\": [],\n \"seeds\": 3}", "scenario bad.json: seeds: unknown member"},
         {"{\"beacons\": [\n{\"uuid\": \"x\"}]}",
          "beacons[0].uuid: expected a UUID text, got \"x\""},
-        {R"({"beacons": [{"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 70000}]})",
-         "beacons[0].major: value 70000 is outside 0 to 65535"},
-        {R"({"beacons": [{"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 1,
-             "minor": -1}]})",
+        {oneBeacon(R"("major": 70000)"), "beacons[0].major: value 70000 is outside 0 to 65535"},
+        {oneBeacon(R"("major": 1, "minor": -1)"),
          "beacons[0].minor: value -1 is outside 0 to 65535"},
-        {R"({"beacons": [{"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 1,
-             "minor": 1}]})",
-         "beacons[0].path: missing"},
-        {R"({"beacons": [{"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 1,
-             "minor": 1, "majr": 2, "path": [[0, 1]]}]})",
+        {oneBeacon(R"("major": 1, "minor": 1)"), "beacons[0].path: missing"},
+        {oneBeacon(R"("major": 1, "minor": 1, "majr": 2, "path": [[0, 1]])"),
          "beacons[0].majr: unknown member"},
-        {R"({"beacons": [{"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 1,
-             "minor": 1, "path": [[5, 1], [4, 1]]}]})",
+        {oneBeacon(R"("major": 1, "minor": 1, "path": [[5, 1], [4, 1]])"),
          "beacons[0].path[1]: time 4 is earlier than the point before"},
-        {R"({"beacons": [{"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 1,
-             "minor": 1, "loss": 1.5, "path": [[0, 1]]}]})",
+        {oneBeacon(R"("major": 1, "minor": 1, "loss": 1.5, "path": [[0, 1]])"),
          "beacons[0].loss: value 1.5 is outside 0 to 1"},
-        {R"({"beacons": [{"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 1,
-             "minor": 1, "path": [[0, "near"]]}]})",
+        {oneBeacon(R"("major": 1, "minor": 1, "path": [[0, "near"]])"),
          "beacons[0].path[0]: expected a number, got string"},
         {"{\n  \"beacons\": [\n    {,}\n]}", "scenario bad.json: line 3, column 6: not valid JSON"},
     };
     for (const auto& c : cases) {
         QString error;
-        EXPECT_FALSE(Scenario::parse(c.json, QStringLiteral("bad.json"), &error)) << c.json;
+        EXPECT_FALSE(Scenario::parse(c.json, QStringLiteral("bad.json"), &error)) << c.json.data();
         EXPECT_TRUE(error.contains(QLatin1StringView(c.message)))
             << error.toStdString() << "\n  expected: " << c.message;
     }
-}
-
-TEST(SimulatedSource, ShippedScenariosLoad)
-{
     for (const char* name : {"demo.json", "stationary.json"}) {
         QString error;
         const auto loaded = Scenario::load(QStringLiteral(QUORLIX_SCENARIO_DIR "/") + name, &error);
-        ASSERT_TRUE(loaded) << error.toStdString();
-        EXPECT_FALSE(loaded->beacons.empty());
+        EXPECT_TRUE(loaded && !loaded->beacons.empty()) << name << error.toStdString();
     }
 }
 
 TEST(SimulatedSource, PathIsLinearBetweenPointsAndSilentAfterNull)
 {
-    const Scenario walk =
-        scenario(R"({"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 1, "minor": 1,
-                     "path": [[2, 1.0], [4, 3.0], [6, null], [8, 5.0], [8, 6.0]]})");
-    const struct
-    {
-        double t;
-        std::optional<double> d;
-    } cases[] = {{0, 1.0},  {2, 1.0},    {3, 2.0},          {3.5, 2.5},          {4, 3.0},
-                 {5, 3.0},  {5.99, 3.0}, {6, std::nullopt}, {7.9, std::nullopt}, {8, 6.0},
-                 {100, 6.0}};
-    for (const auto& c : cases) {
-        const std::optional<double> d = walk.beacons.at(0).distanceAt(c.t);
-        ASSERT_EQ(d.has_value(), c.d.has_value()) << c.t;
-        if (d) {
-            EXPECT_NEAR(*d, *c.d, 1e-9) << c.t;
-        }
+    const Scenario walk = scenario(
+        R"("major": 1, "minor": 1, "path": [[2, 1.0], [4, 3.0], [6, null], [8, 5.0], [8, 6.0]])");
+    const std::pair<double, std::optional<double>> cases[] = {
+        {0, 1.0},  {2, 1.0},    {3, 2.0},          {3.5, 2.5},          {4, 3.0},
+        {5, 3.0},  {5.99, 3.0}, {6, std::nullopt}, {7.9, std::nullopt}, {8, 6.0},
+        {100, 6.0}};
+    for (const auto& [t, expected] : cases) {
+        const std::optional<double> d = walk.beacons.at(0).distanceAt(t);
+        ASSERT_EQ(d.has_value(), expected.has_value()) << t;
+        EXPECT_NEAR(d.value_or(0), expected.value_or(0), 1e-9) << t;
     }
 }
 
@@ -111,24 +98,18 @@ TEST(SimulatedSource, RssiFollowsTheLogDistanceModelWithItsNoiseAndLoss)
 {
     const struct
     {
-        double distance;
-        double loss;
-        double noise;
-        double exponent;
-    } cases[] = {{1.0, 0, 0, 2}, {10.0, 0, 0, 2}, {4.0, 0.3, 4, 2}, {2.0, 0.5, 6, 3}};
+        double distance, loss, noise, exponent;
+    } cases[] = {{10.0, 0, 0, 2}, {4.0, 0.3, 4, 2}, {2.0, 0.5, 6, 3}};
     for (const auto& c : cases) {
-        const QByteArray beacon =
-            QStringLiteral(R"({"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 3,
-                "minor": 4, "measuredPower": -61, "interval": 0.1, "loss": %1, "noise": %2,
-                "path": [[0, %3]]})")
+        VirtualClock clock;
+        SimulatedSource source(scenario(
+            QStringLiteral(R"("major": 3, "minor": 4, "measuredPower": -61, "interval": 0.1,
+                "loss": %1, "noise": %2, "path": [[0, %3]])")
                 .arg(c.loss)
                 .arg(c.noise)
                 .arg(c.distance)
-                .toLatin1();
-        const QByteArray extra =
-            QStringLiteral("\"pathLossExponent\": %1,").arg(c.exponent).toLatin1();
-        VirtualClock clock;
-        SimulatedSource source(scenario(beacon.constData(), extra.constData()));
+                .toLatin1(),
+            QStringLiteral("\"pathLossExponent\": %1,").arg(c.exponent).toLatin1()));
         const std::vector<Sighting> seen = collect(source, clock, 300 * s);
         // 100 ms plus BLE's 0-10 ms random delay: 300 s / 105 ms adverts, less the lost.
         const double sent = 300.0 / 0.105;
@@ -143,20 +124,20 @@ TEST(SimulatedSource, RssiFollowsTheLogDistanceModelWithItsNoiseAndLoss)
         }
         const double n = static_cast<double>(seen.size());
         const double mean = sum / n;
-        const double spread = std::sqrt(std::max(0.0, squares / n - mean * mean));
         EXPECT_NEAR(mean, -61 - 10 * c.exponent * std::log10(c.distance), 0.4);
         // Rounding to whole dBm adds about 0.29 dB of spread.
-        EXPECT_NEAR(spread, std::hypot(c.noise, c.noise > 0 ? 0.29 : 0.0), 0.3);
+        EXPECT_NEAR(std::sqrt(std::max(0.0, squares / n - mean * mean)),
+                    std::hypot(c.noise, c.noise > 0 ? 0.29 : 0.0), 0.3);
     }
 }
 
 TEST(SimulatedSource, SameSeedSameTrafficOtherSeedOther)
 {
-    const char* beacon = R"({"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 1,
-        "minor": 1, "interval": 0.2, "loss": 0.3, "noise": 4, "path": [[0, 2.0]]})";
-    const auto run = [&](const char* seed) {
+    const auto run = [&](const QByteArray& seed) {
         VirtualClock clock;
-        SimulatedSource source(scenario(beacon, seed));
+        SimulatedSource source(scenario(
+            R"("major": 1, "minor": 1, "interval": 0.2, "loss": 0.3, "noise": 4, "path": [[0, 2]])",
+            seed));
         return collect(source, clock, 60 * s);
     };
     const auto first = run("\"seed\": 5,");
@@ -167,10 +148,8 @@ TEST(SimulatedSource, SameSeedSameTrafficOtherSeedOther)
 TEST(SimulatedSource, SilentWhileOutOfRangeOrNotScanning)
 {
     VirtualClock clock;
-    SimulatedSource source(
-        scenario(R"({"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 1, "minor": 1,
-                     "path": [[0, null], [2, 1.0], [4, 1.0], [4, 500.0], [6, 500.0],
-                              [6, 1.0]]})"));
+    SimulatedSource source(scenario(R"("major": 1, "minor": 1, "path": [[0, null], [2, 1.0],
+        [4, 1.0], [4, 500.0], [6, 500.0], [6, 1.0]])"));
     std::vector<std::int64_t> times;
     source.setClock(&clock);
     source.setSink([&](const Sighting& sighting) { times.push_back(sighting.timeNs); });
@@ -186,26 +165,30 @@ TEST(SimulatedSource, SilentWhileOutOfRangeOrNotScanning)
     };
     EXPECT_EQ(within(0, 2), 0);
     EXPECT_GT(within(2, 3), 8);
-    // At 500 m the -100 dBm sensitivity is not reached.
-    EXPECT_EQ(within(4, 6), 0);
+    EXPECT_EQ(within(4, 6), 0); // at 500 m the -100 dBm sensitivity is not reached
     EXPECT_GT(within(6, 7), 8);
     EXPECT_EQ(within(7, 9), 0);
     EXPECT_GT(within(9, 10), 8);
 }
 
+const QByteArray frame1207 = "4c000215e187697975b543de92cb2bc1ad6ba999000c0007c5";
+
 TEST(ReplaySource, BadTracesNameTheFileAndTheLine)
 {
-    const QByteArray frame = "4c000215e187697975b543de92cb2bc1ad6ba999000c0007c5";
+    const QByteArray f = "," + frame1207 + "\n";
     const struct
     {
         QByteArray csv;
         const char* message;
     } cases[] = {
         {"time,address,rssi,manufacturer_data_hex\n0,A,-60\n", "t.csv: line 2: expected 4 fields"},
-        {"0,A,-60," + frame + "\nsoon,A,-60," + frame, "line 2: time \"soon\" is not a number"},
-        {"# recorded\n5,A,-60," + frame + "\n4.5,A,-60," + frame,
-         "line 3: time 4.5 is earlier than the row before"},
-        {"0,A,loud," + frame, "line 1: rssi \"loud\" is not a dBm value"},
+        {"0,A,-60" + f + "soon,A,-60" + f, "line 2: time \"soon\" is not a number"},
+        // Times never go back, compared with the row before, a skipped one included.
+        {"# recorded\n0,A,-60" + f + "5,A,-60" + f + "4.5,A,-60" + f,
+         "line 4: time 4.5 is earlier than the row before"},
+        {"0,A,-60" + f + "5,A,-60,0600\n4.5,A,-60" + f, "line 3: time 4.5 is earlier"},
+        {"0,A,loud" + f, "line 1: rssi \"loud\" is not a dBm value"},
+        {"0,A,21" + f, "line 1: rssi \"21\" is not a dBm value"},
         {"0,A,-60,4c0", "line 1: manufacturer data \"4c0\" is not an even count of hex digits"},
         {"0,A,-60,4c0g", "line 1: manufacturer data \"4c0g\""},
     };
@@ -215,20 +198,25 @@ TEST(ReplaySource, BadTracesNameTheFileAndTheLine)
         EXPECT_TRUE(error.contains(QLatin1StringView(c.message)))
             << error.toStdString() << "\n  expected: " << c.message;
     }
+    QString error;
+    EXPECT_TRUE(ReplaySource::parse("3,A,-127" + f + "3,B,20" + f, "t.csv", &error))
+        << "equal times: " << error.toStdString();
 }
 
 TEST(ReplaySource, PlaysRowsAtTheirOffsetsAndSkipsOtherAdverts)
 {
     const QByteArray csv = "time,address,rssi,manufacturer_data_hex\n"
-                           "100.0,C0:FF:EE:00:00:01,-60,4c000215e187697975b543de92cb2bc1ad6ba999"
-                           "000c0007c5\n"
+                           "100.0,C0:FF:EE:00:00:01,-60," +
+                           frame1207 +
+                           "\n"
                            "100.5,C0:FF:EE:00:00:02,-71,4c000215e187697975b543de92cb2bc1ad6ba999"
                            "012c0002c0\n"
                            "100.7,C0:FF:EE:00:00:03,-50,060001092002\n"
-                           "102.0,C0:FF:EE:00:00:01,-62,4c000215e187697975b543de92cb2bc1ad6ba999"
-                           "000c0007c5\n"
-                           "104.0,C0:FF:EE:00:00:01,-63,4c000215e187697975b543de92cb2bc1ad6ba999"
-                           "000c0007c5\n";
+                           "102.0,C0:FF:EE:00:00:01,-62," +
+                           frame1207 +
+                           "\n"
+                           "104.0,C0:FF:EE:00:00:01,-63," +
+                           frame1207 + "\n";
     QString error;
     int skipped = 0;
     auto rows = ReplaySource::parse(csv, QStringLiteral("t.csv"), &error, &skipped);

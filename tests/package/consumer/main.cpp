@@ -1,5 +1,6 @@
 // Links against the installed library and reaches into each layer a host touches: the version
-// symbols, the beacon family helpers, the region matching and the event manager's meta-object.
+// symbols, the beacon family helpers, the region matching, the event manager's meta-object and the
+// location settings.
 #include <quorlix/Quorlix.h>
 
 #include <QCoreApplication>
@@ -40,6 +41,19 @@ int main(int argc, char** argv)
     const QMetaObject& meta = Quorlix::VeskEventManager::staticMetaObject;
     expect(meta.indexOfMethod("filter(qint64)") >= 0, "filter is not runtime-visible");
     expect(meta.indexOfProperty("filterTime") >= 0, "filterTime is not a property");
+
+    // The knobs a host turns: applied at once, refused with a reason when they make no sense.
+    Quorlix::LocationManager location;
+    Quorlix::LocationSettings settings = location.settings();
+    settings.exitPeriod = std::chrono::seconds(10);
+    expect(location.applySettings(settings) &&
+               location.settings().exitPeriod == std::chrono::seconds(10),
+           "exit period not applied");
+    settings.nearLimitM = 0.1;
+    QString problem;
+    expect(!location.applySettings(settings, &problem) && !problem.isEmpty() &&
+               location.settings().nearLimitM == 3.0,
+           "band limits below the Immediate limit accepted");
 
     if (failures == 0)
         std::printf("consumer: Quorlix %.1f linked and working\n", QuorlixVersionNumber);
