@@ -17,7 +17,8 @@ namespace Quorlix {
 void PrintTo(const Sighting& s, std::ostream* out)
 {
     *out << "{t=" << s.timeNs << " " << s.address.constData() << " " << s.major << "/" << s.minor
-         << " power=" << int(s.measuredPower) << " rssi=" << s.rssi << "}";
+         << " power=" << int(s.measuredPower) << " rssi=" << s.rssi << " via "
+         << s.receiver.constData() << "}";
 }
 
 namespace {
@@ -62,7 +63,15 @@ private:
 Sighting expected(std::int64_t timeNs, const char* address, quint16 major, quint16 minor,
                   qint8 power, int rssi)
 {
-    return Sighting{timeNs, address, QUuid::fromString(familyUuid), major, minor, power, rssi};
+    // The mock's hci0 has the address 00:01:02:03:04:05.
+    return Sighting{timeNs,
+                    address,
+                    QUuid::fromString(familyUuid),
+                    major,
+                    minor,
+                    power,
+                    rssi,
+                    "00:01:02:03:04:05"};
 }
 
 class BlueZSourceTest : public ::testing::Test
