@@ -38,6 +38,10 @@ endforeach()
 # Each directory once, and never the compiler's own /usr/include.
 set(QUORLIX_PC_QT_CFLAGS
     " -I$<JOIN:$<FILTER:$<REMOVE_DUPLICATES:${qt_includes}>,EXCLUDE,^/usr/include$>, -I>")
+# Relative to the .pc file itself, so that the same file serves `cmake --install --prefix` and
+# the Debian package (which installs into /usr whatever prefix was configured).
+file(RELATIVE_PATH QUORLIX_PC_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+string(REGEX REPLACE "/$" "" QUORLIX_PC_PREFIX "\${pcfiledir}/${QUORLIX_PC_PREFIX}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/quorlix.pc.in ${PROJECT_BINARY_DIR}/quorlix.pc.in @ONLY)
 file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/quorlix.pc INPUT ${PROJECT_BINARY_DIR}/quorlix.pc.in)
 install(FILES ${PROJECT_BINARY_DIR}/quorlix.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

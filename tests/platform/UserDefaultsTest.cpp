@@ -6,6 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
+
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 using namespace Quorlix;
@@ -95,4 +98,57 @@ TEST(UserDefaults, SavesReplaceTheStoreWithAnOwnerOnlyFileAndKeepAnUnreadableOne
     const QString fresh = dir.filePath("new/app.json");
     ASSERT_TRUE(UserDefaults(fresh).setStringArray("Keys", {}));
     EXPECT_EQ(statusOf(fresh).st_mode & 0777, 0600u);
+}
+
+// Faults: a save that cannot be written in full must leave the old store, and what killed or
+// failed saves leave behind must not pile up.
+TEST(UserDefaultsFaults, AFailedWriteKeepsTheOldStoreAndReturnsFalse)
+{
+    QTemporaryDir dir;
+    const QString file = dir.filePath("app/app.json");
+    UserDefaults defaults(file);
+    ASSERT_TRUE(defaults.setStringArray("Keys", {"1047", "1048"}));
+    const qint64 oldSize = QFileInfo(file).size();
+
+    // A file size limit makes write() fail with EFBIG part-way, as a nearly full disk does with
+    // ENOSPC; without the signal ignored, the process would be killed instead.
+    const auto previousHandler = ::signal(SIGXFSZ, SIG_IGN);
+    rlimit previousLimit{};
+    ::getrlimit(RLIMIT_FSIZE, &previousLimit);
+    rlimit small = previousLimit;
+    small.rlim_cur = rlim_t(oldSize + 8);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    const bool saved = defaults.setStringArray("Keys", QStringList(200, "2001"));
+    ::setrlimit(RLIMIT_FSIZE, &previousLimit);
+    ::signal(SIGXFSZ, previousHandler);
+
+    EXPECT_FALSE(saved);
+    EXPECT_EQ(UserDefaults(file).stringArray("Keys"), QStringList({"1047", "1048"}));
+    EXPECT_EQ(QDir(dir.filePath("app")).entryList(QDir::Files), QStringList{"app.json"});
+}
+
+TEST(UserDefaultsFaults, LeftoversOfKilledSavesAndUnreadableCopiesAreBounded)
+{
+    QTemporaryDir dir;
+    const QString file = dir.filePath("app/app.json");
+    // What a save killed before its rename leaves: a temporary file full of keys.
+    for (const char* name : {"app.json.Ab12Cd", "app.json.XXXXXX"})
+        writeRaw(dir.filePath(QStringLiteral("app/") + name), R"({"Keys": ["1047"]})");
+    // Not ours: other names stay.
+    writeRaw(dir.filePath("app/app.json.backup"), "{}");
+    writeRaw(dir.filePath("app/other.json.Ab12Cd"), "{}");
+    for (int i = 0; i < 6; ++i) {
+        writeRaw(file, "not json " + QByteArray::number(i));
+        ASSERT_TRUE(UserDefaults(file).setStringArray("Keys", {"1047"}));
+    }
+    QStringList files = QDir(dir.filePath("app")).entryList(QDir::Files);
+    const QStringList copies = files.filter(".unreadable-");
+    EXPECT_EQ(copies.size(), 3) << files.join(' ').toStdString();
+    // The newest copies are the ones kept.
+    QFile newest(dir.filePath("app/" + copies.last()));
+    ASSERT_TRUE(newest.open(QIODevice::ReadOnly));
+    EXPECT_EQ(newest.readAll(), "not json 5");
+    for (const QString& copy : copies)
+        files.removeAll(copy);
+    EXPECT_EQ(files, QStringList({"app.json", "app.json.backup", "other.json.Ab12Cd"}));
 }

@@ -1,13 +1,26 @@
 #include "quorlix/service/DirectoryClient.h"
 #include "quorlix/service/DirectoryAnswer.h"
 
+#include "quorlix/events/VeskEventManager.h"
+
 #include "DirectoryProcess.h"
+#include "RecordingLocationManager.h"
 
 #include <QCoreApplication>
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <thread>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 using namespace Quorlix;
+using Quorlix::Testing::DirectoryProcess;
+using Quorlix::Testing::RecordingLocationManager;
 
 namespace {
 
@@ -58,6 +71,153 @@ TEST(DirectoryClient, RecognisesMalformedUrls)
         {"", false}};
     for (const auto& [url, valid] : cases)
         EXPECT_EQ(DirectoryClient::isValidUrl(QString::fromUtf8(url)), valid) << url;
+}
+
+// Faults: hostile or broken directories. Each misbehaving server lives on a thread of this
+// process; the death tests' children are separate processes that reach it over loopback.
+using Reply = std::function<void(int connection)>;
+
+bool sendText(int connection, const std::string& text)
+{
+    return ::send(connection, text.data(), text.size(), MSG_NOSIGNAL) == ssize_t(text.size());
+}
+
+QString serve(Reply reply)
+{
+    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    EXPECT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
+    EXPECT_EQ(::listen(listener, 16), 0);
+    ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+    std::thread([listener, reply] {
+        for (int connection; (connection = ::accept(listener, nullptr, nullptr)) >= 0;)
+            std::thread([connection, reply] {
+                char request[4096];
+                (void)::recv(connection, request, sizeof request, 0);
+                reply(connection);
+                ::close(connection);
+            }).detach();
+    }).detach();
+    return QStringLiteral("127.0.0.1:%1").arg(ntohs(address.sin_port));
+}
+
+Reply answer(std::string status, std::string body)
+{
+    return [status, body](int connection) {
+        sendText(connection, "HTTP/1.1 " + status +
+                                 "\r\nContent-Length: " + std::to_string(body.size()) +
+                                 "\r\nConnection: close\r\n\r\n" + body);
+    };
+}
+
+TEST(DirectoryFaults, BadAnswersAndSlowServersStopWithTheirCause)
+{
+    const std::string deep = std::string(100'000, '[') + std::string(100'000, ']');
+    const Reply silent = [](int) { std::this_thread::sleep_for(std::chrono::seconds(30)); };
+    const Reply drip = [](int connection) {
+        sendText(connection, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n");
+        while (sendText(connection, " "))
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    };
+    const Reply endless = [](int connection) {
+        sendText(connection, "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n");
+        const std::string chunk = "10000\r\n" + std::string(0x10000, '[') + "\r\n";
+        while (sendText(connection, chunk)) {
+        }
+    };
+    const struct
+    {
+        const char* name;
+        Reply reply;
+        const char* cause; // in the diagnostic line before the stop
+        const char* stop = nilStop;
+    } cases[] = {
+        {"never answers", silent, "no complete answer within the time limit"},
+        {"drips", drip, "no complete answer within the time limit"},
+        {"sends an endless body", endless, "larger than 1000000 bytes"},
+        {"announces a huge body", answer("200 OK", std::string(2'000'000, ' ')),
+         "announces more than 1000000 bytes"},
+        {"nests deeply", answer("200 OK", deep), "nested deeper than 64 levels"},
+        {"answers 404 with a page", answer("404 Not Found", "<html>gone</html>"),
+         "HTTP 404, 17 bytes.: not JSON"},
+        {"sends a number out of range", answer("200 OK", "[1e400]"), "not JSON"},
+        {"sends a MajorMinor out of range", answer("200 OK", R"({"MajorMinor": "70000-1"})"),
+         "MajorMinor \"70000-1\" has 70000, out of range", ""},
+    };
+    qputenv("QUORLIX_DIRECTORY_TIMEOUT", "1.5");
+    qputenv("QUORLIX_DIRECTORY_MAX_BYTES", "1000000");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        qputenv("QUORLIX_DIRECTORY_HOST", serve(c.reply).toUtf8());
+        // The alarm turns a hang into a death without the expected message.
+        EXPECT_DEATH(
+            {
+                ::alarm(20);
+                RecordingLocationManager::Installer locations;
+                VeskEventManager::create("1047");
+            },
+            std::string(c.cause) + ".*" + c.stop);
+    }
+    qunsetenv("QUORLIX_DIRECTORY_TIMEOUT");
+    qunsetenv("QUORLIX_DIRECTORY_MAX_BYTES");
+    qputenv("QUORLIX_DIRECTORY_HOST",
+            QStringLiteral("127.0.0.1:%1").arg(Testing::unusedPort()).toUtf8());
+    EXPECT_DEATH(DirectoryClient::fetch(DirectoryClient::deviceUrl("1047")),
+                 "/api/device/1047: unreachable.*\n.*" + std::string(nilStop));
+}
+
+TEST(DirectoryFaults, BoundsComeFromTheEnvironmentAndBadValuesAreNamed)
+{
+    const struct
+    {
+        const char* variable;
+        const char* value;
+        qint64 expected; // milliseconds or bytes; -1: refused, the default stays
+    } cases[] = {
+        {"QUORLIX_DIRECTORY_TIMEOUT", "2.5", 2500},
+        {"QUORLIX_DIRECTORY_TIMEOUT", " 7 ", 7000},
+        {"QUORLIX_DIRECTORY_CONNECT_TIMEOUT", "0.001", 1},
+        {"QUORLIX_DIRECTORY_MAX_BYTES", "1048576", 1048576},
+        {"QUORLIX_DIRECTORY_TIMEOUT", "0", -1},
+        {"QUORLIX_DIRECTORY_TIMEOUT", "-5", -1},
+        {"QUORLIX_DIRECTORY_TIMEOUT", "1e3", -1},
+        {"QUORLIX_DIRECTORY_TIMEOUT", "inf", -1},
+        {"QUORLIX_DIRECTORY_TIMEOUT", "99999999999", -1},
+        {"QUORLIX_DIRECTORY_CONNECT_TIMEOUT", "ten", -1},
+        {"QUORLIX_DIRECTORY_MAX_BYTES", "16MiB", -1},
+        {"QUORLIX_DIRECTORY_MAX_BYTES", "0", -1},
+        {"QUORLIX_DIRECTORY_MAX_BYTES", "99999999999", -1},
+    };
+    static QStringList warnings;
+    const QtMessageHandler previous = qInstallMessageHandler(
+        [](QtMsgType, const QMessageLogContext&, const QString& text) { warnings << text; });
+    for (const auto& c : cases) {
+        warnings.clear();
+        qputenv(c.variable, c.value);
+        const DirectoryClient::Limits limits = DirectoryClient::limits();
+        qunsetenv(c.variable);
+        const DirectoryClient::Limits defaults;
+        const QString variable = QString::fromLatin1(c.variable);
+        const qint64 got = variable.endsWith("MAX_BYTES")         ? limits.maxBodyBytes
+                           : variable.endsWith("CONNECT_TIMEOUT") ? limits.connectTimeout.count()
+                                                                  : limits.totalTimeout.count();
+        const qint64 fallback = variable.endsWith("MAX_BYTES") ? defaults.maxBodyBytes
+                                : variable.endsWith("CONNECT_TIMEOUT")
+                                    ? defaults.connectTimeout.count()
+                                    : defaults.totalTimeout.count();
+        EXPECT_EQ(got, c.expected < 0 ? fallback : c.expected) << c.variable << "=" << c.value;
+        EXPECT_EQ(warnings.size(), c.expected < 0 ? 1 : 0) << c.variable << "=" << c.value;
+        if (c.expected < 0 && !warnings.isEmpty()) {
+            EXPECT_TRUE(warnings.first().contains(variable + "=\"" + c.value + "\""))
+                << warnings.first().toStdString();
+        }
+    }
+    qInstallMessageHandler(previous);
+    EXPECT_EQ(DirectoryClient::limits().totalTimeout, std::chrono::seconds(60));
+    EXPECT_EQ(DirectoryClient::limits().maxBodyBytes, 16 * 1024 * 1024);
 }
 
 } // namespace

@@ -51,6 +51,10 @@ public:
     void flood(const QStringList& devicePaths, quint32 count, quint16 company,
                const QByteArray& data);
 
+    /// Emits one malformed signal of a kind named in SendMalformed of bluez_beacons.py, about the
+    /// device at devicePath, with data as an iBeacon frame where one is needed.
+    void sendMalformed(const QString& kind, const QString& devicePath, const QByteArray& data);
+
 private:
     std::unique_ptr<QProcess> m_process;
 };

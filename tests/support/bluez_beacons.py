@@ -173,3 +173,39 @@ def Flood(_self, paths, count, company, data):
     for connection in connections:
         connection.flush()
     return count
+
+
+# Malformed signals, as a broken or hostile owner of org.bluez could send them; each kind names
+# what is wrong. The beacon's own path and a valid iBeacon frame are used where a path or data is
+# needed, so that only the named part is malformed.
+@dbus.service.method(MOCK_IFACE, in_signature='ssay', out_signature='')
+def SendMalformed(_self, kind, path, data):
+    manufacturer = _manufacturer_data(0x004c, data)
+    root = mockobject.objects['/']
+    device = mockobject.objects[path]
+    if kind == 'added-without-interface-level':  # oa{sv} where oa{sa{sv}} is expected
+        root.EmitSignal('org.freedesktop.DBus.ObjectManager', 'InterfacesAdded', 'oa{sv}',
+                        [dbus.ObjectPath(path + '_x'), {'Address': dbus.String('x', variant_level=1)}])
+    elif kind == 'added-as-strings':
+        root.EmitSignal('org.freedesktop.DBus.ObjectManager', 'InterfacesAdded', 'ss',
+                        [path + '_y', DEVICE_IFACE])
+    elif kind == 'removed-as-map':
+        root.EmitSignal('org.freedesktop.DBus.ObjectManager', 'InterfacesRemoved', 'oa{sv}',
+                        [dbus.ObjectPath(path), {DEVICE_IFACE: dbus.String('x', variant_level=1)}])
+    elif kind == 'changed-without-invalidated':
+        device.EmitSignal(dbus.PROPERTIES_IFACE, 'PropertiesChanged', 'sa{sv}',
+                          [DEVICE_IFACE, {'RSSI': dbus.Int16(-40, variant_level=1)}])
+    elif kind == 'changed-as-array':
+        device.EmitSignal(dbus.PROPERTIES_IFACE, 'PropertiesChanged', 'sasas',
+                          [DEVICE_IFACE, ['RSSI'], []])
+    else:
+        rssi = {
+            'rssi-string': dbus.String('-40', variant_level=1),
+            'rssi-huge': dbus.Int64(-2**40, variant_level=1),
+            'rssi-unsigned-huge': dbus.UInt64(2**64 - 40, variant_level=1),
+            'rssi-struct': dbus.Struct((dbus.Int16(-40),), variant_level=1),
+            'rssi-implausible': dbus.Int16(-300, variant_level=1),
+            'rssi-double': dbus.Double(-40.0, variant_level=1),
+        }[kind]
+        device.EmitSignal(dbus.PROPERTIES_IFACE, 'PropertiesChanged', 'sa{sv}as',
+                          [DEVICE_IFACE, {'RSSI': rssi, 'ManufacturerData': manufacturer}, []])

@@ -1,5 +1,6 @@
 #include "quorlix/events/VeskEventManager.h"
 
+#include "quorlix/LoggingCategories.h"
 #include "quorlix/model/BeaconFamily.h"
 #include "quorlix/platform/Checked.h"
 #include "quorlix/platform/Fatal.h"
@@ -33,6 +34,30 @@ std::int64_t parsePiece(QStringView text)
     if (!value)
         Fatal::notANumber();
     return *value;
+}
+
+// A major-minor text that the steps below stop on came from the directory: say so first, with the
+// URL, since the stops themselves do not tell.
+void diagnoseMajorMinor(const QString& url, const QString& majorMinor,
+                        const QList<QStringView>& pieces)
+{
+    QString cause;
+    if (pieces.size() < 2) {
+        cause = QStringLiteral("is not <major>-<minor>");
+    } else {
+        for (const QStringView text : {pieces[0], pieces[1]}) {
+            const std::optional<std::int64_t> value = Checked::parseInt64(text);
+            if (!value)
+                cause = QStringLiteral("has \"%1\", not a number").arg(text);
+            else if (*value < 0 || *value > 65535)
+                cause = QStringLiteral("has %1, out of range (0 to 65535)").arg(*value);
+            if (!cause.isEmpty())
+                break;
+        }
+    }
+    if (!cause.isEmpty())
+        qCWarning(lcDirectory).noquote()
+            << QStringLiteral("GET %1: MajorMinor \"%2\" %3").arg(url, majorMinor.left(200), cause);
 }
 
 } // namespace
@@ -83,11 +108,13 @@ void VeskEventManager::initWithDeviceID(const QString& deviceID)
     require(locationManager).delegate = this;
     require(locationManager).pausesLocationUpdatesAutomatically = false;
 
-    const QByteArray data = getJSON(DirectoryClient::deviceUrl(deviceID));
+    const QString url = DirectoryClient::deviceUrl(deviceID);
+    const QByteArray data = getJSON(url);
     const QString majorMinor = getMajorMinor(data);
 
     const QList<QStringView> pieces =
         QStringView(majorMinor).split(u'-', Qt::SkipEmptyParts, Qt::CaseSensitive);
+    diagnoseMajorMinor(url, majorMinor, pieces);
     const std::int64_t major = parsePiece(piece(pieces, 0));
     const std::int64_t minor = parsePiece(piece(pieces, 1));
 

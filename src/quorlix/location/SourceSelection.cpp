@@ -53,8 +53,9 @@ std::unique_ptr<BeaconSource> SourceSelection::sourceFor(const QString& setting,
             return scenario ? std::make_unique<SimulatedSource>(std::move(*scenario)) : nullptr;
         }
         int skipped = 0;
+        ReplaySource::BadRows bad;
         std::optional<std::vector<ReplaySource::Row>> rows =
-            ReplaySource::load(file, problem, &skipped);
+            ReplaySource::load(file, problem, &skipped, &bad);
         if (!rows)
             return nullptr;
         if (skipped > 0)
@@ -62,6 +63,13 @@ std::unique_ptr<BeaconSource> SourceSelection::sourceFor(const QString& setting,
                 << QStringLiteral("trace %1: %2 rows without an iBeacon frame are skipped")
                        .arg(file)
                        .arg(skipped);
+        if (bad.count > 0)
+            qCWarning(lcLocation).noquote()
+                << QStringLiteral("trace %1: %2 bad rows are skipped, the first at line %3: %4")
+                       .arg(file)
+                       .arg(bad.count)
+                       .arg(bad.firstLine)
+                       .arg(bad.firstProblem);
         return std::make_unique<ReplaySource>(std::move(*rows));
     }
     *problem = QStringLiteral("unknown source \"%1\"; expected bluez, simulate:<scenario.json> or "

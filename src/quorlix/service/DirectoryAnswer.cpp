@@ -1,10 +1,13 @@
 #include "quorlix/service/DirectoryAnswer.h"
 
+#include "quorlix/LoggingCategories.h"
 #include "quorlix/platform/Fatal.h"
 #include "quorlix/platform/Log.h"
+#include "quorlix/service/DirectoryClient.h"
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -12,6 +15,41 @@ namespace Quorlix::DirectoryAnswer {
 namespace {
 
 using Json = nlohmann::json;
+
+// Real answers are records in a list, three levels at most. The bound keeps the recursive
+// conversions below (and nlohmann's own dump) far from the end of the stack.
+constexpr int maxDepth = 64;
+
+// The deepest nesting of arrays and objects in text that looks like JSON; strings are skipped, so
+// brackets inside them do not count. Malformed text is the parser's business.
+int nestingDepth(const QByteArray& data)
+{
+    int depth = 0;
+    int deepest = 0;
+    bool inString = false;
+    for (qsizetype i = 0; i < data.size(); ++i) {
+        const char c = data[i];
+        if (inString) {
+            if (c == '\\')
+                ++i;
+            else if (c == '"')
+                inString = false;
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            deepest = std::max(deepest, ++depth);
+        } else if (c == ']' || c == '}') {
+            --depth;
+        }
+    }
+    return deepest;
+}
+
+// Stops that the shape of an answer causes are preceded by a diagnostic naming that cause.
+void shapeProblem(const QString& cause)
+{
+    qCWarning(lcDirectory).noquote() << QStringLiteral("a directory answer: ") + cause;
+}
 
 QVariant toVariant(const Json& json)
 {
@@ -127,9 +165,18 @@ QVariant memberOfElement(const QVariant& element, const QString& name)
 
 QVariant parse(const QByteArray& data)
 {
-    const Json json = Json::parse(data.cbegin(), data.cend(), nullptr, false);
-    if (json.is_discarded())
+    if (nestingDepth(data) > maxDepth) {
+        DirectoryClient::diagnose(data, QStringLiteral("not JSON as accepted here: nested deeper "
+                                                       "than %1 levels")
+                                            .arg(maxDepth));
         Fatal::answerNotJson();
+    }
+    const Json json = Json::parse(data.cbegin(), data.cend(), nullptr, false);
+    if (json.is_discarded()) {
+        DirectoryClient::diagnose(
+            data, QStringLiteral("not JSON: \"%1\"").arg(QString::fromUtf8(data.left(80))));
+        Fatal::answerNotJson();
+    }
     return toVariant(json);
 }
 
@@ -152,6 +199,7 @@ std::optional<QVariant> member(const QVariant& value, const QString& name)
         return members;
     }
     default:
+        shapeProblem(QStringLiteral("looked up \"%1\" in a %2").arg(name, typeName(value)));
         Fatal::unknownKey(typeName(value), name.toStdString());
     }
 }
@@ -165,10 +213,15 @@ QString textMember(const QVariant& value, const QString& name)
         // Deliberately unchecked, unlike deviceKey: an empty array or a first element that is not
         // a text stops the process.
         const QVariantList list = found->toList();
-        if (list.isEmpty())
+        if (list.isEmpty()) {
+            shapeProblem(QStringLiteral("\"%1\" is an empty list").arg(name));
             Fatal::indexOutOfRange();
-        if (list.first().metaType().id() != QMetaType::QString)
+        }
+        if (list.first().metaType().id() != QMetaType::QString) {
+            shapeProblem(QStringLiteral("the first \"%1\" is a %2, not a text")
+                             .arg(name, typeName(list.first())));
             Fatal::failedCast(typeName(list.first()), "String");
+        }
         return list.first().toString();
     }
     if (found->metaType().id() == QMetaType::QString)
@@ -186,8 +239,11 @@ QString deviceKey(const QVariant& answer)
         const QVariantList list = found->toList();
         if (list.isEmpty())
             return {};
-        if (!isNumber(list.first()))
+        if (!isNumber(list.first())) {
+            shapeProblem(QStringLiteral("the first \"Key\" is a %1, not a number")
+                             .arg(typeName(list.first())));
             Fatal::failedCast(typeName(list.first()), "Int");
+        }
         return QString::number(integerValue(list.first()));
     }
     if (isNumber(*found)) {

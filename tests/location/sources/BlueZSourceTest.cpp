@@ -1,3 +1,4 @@
+#include "EventLoop.h"
 #include "MockBlueZ.h"
 
 #include "quorlix/location/VirtualClock.h"
@@ -358,6 +359,32 @@ INSTANTIATE_TEST_SUITE_P(
                                "bluetoothd left the system bus",
                                {filterLine, start}}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// Faults: whatever owns org.bluez may send malformed signals. None may crash the source, and none
+// may become a reading (a malformed RSSI used to read as 0 dBm, "immediate").
+TEST_F(BlueZSourceTest, MalformedSignalsAreIgnored)
+{
+    mock.addAdapter(QStringLiteral("hci0"));
+    const auto source = makeSource();
+    source->setScanning(true);
+    ASSERT_TRUE(waitForDiscoveryLog(QStringLiteral("hci0"), {filterLine, start}));
+    const QString beacon =
+        mock.addBeacon(QStringLiteral("hci0"), QStringLiteral("C0:FF:EE:00:00:09"), -60,
+                       IBeaconAdvert::appleCompanyId, frame(9, 9));
+    ASSERT_TRUE(Testing::runUntil([&] { return sightings.size() == 1; }, 5000));
+    for (const char* kind :
+         {"added-without-interface-level", "added-as-strings", "removed-as-map",
+          "changed-without-invalidated", "changed-as-array", "rssi-string", "rssi-huge",
+          "rssi-unsigned-huge", "rssi-struct", "rssi-implausible", "rssi-double"}) {
+        SCOPED_TRACE(kind);
+        sightings.clear();
+        mock.sendMalformed(QString::fromLatin1(kind), beacon, frame(9, 9));
+        // Signals arrive in order: once this advert is seen, the malformed one was handled.
+        mock.advertise(beacon, -61, IBeaconAdvert::appleCompanyId, frame(9, 9));
+        ASSERT_TRUE(Testing::runUntil([&] { return !sightings.isEmpty(); }, 5000));
+        EXPECT_EQ(sightings, QList<Sighting>{expected(0, "C0:FF:EE:00:00:09", 9, 9, -59, -61)});
+    }
+}
 
 } // namespace
 } // namespace Quorlix

@@ -2,9 +2,17 @@
 #include "quorlix/location/VirtualClock.h"
 #include "quorlix/location/sources/ReplaySource.h"
 
+#include "quorlix/location/SourceSelection.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
+
+#include <sys/stat.h>
 
 namespace Quorlix {
 namespace {
@@ -182,7 +190,8 @@ TEST(ReplaySource, BadTracesNameTheFileAndTheLine)
         const char* message;
     } cases[] = {
         {"time,address,rssi,manufacturer_data_hex\n0,A,-60\n", "t.csv: line 2: expected 4 fields"},
-        {"0,A,-60" + f + "soon,A,-60" + f, "line 2: time \"soon\" is not a number"},
+        {"time,address,rssi,manufacturer_data_hex\nsoon,A,-60" + f,
+         "line 2: time \"soon\" is not a number"},
         // Times never go back, compared with the row before, a skipped one included.
         {"# recorded\n0,A,-60" + f + "5,A,-60" + f + "4.5,A,-60" + f,
          "line 4: time 4.5 is earlier than the row before"},
@@ -240,6 +249,116 @@ TEST(ReplaySource, PlaysRowsAtTheirOffsetsAndSkipsOtherAdverts)
         {11 * s, "C0:FF:EE:00:00:01", uuid, 12, 7, -59, -63},
     };
     EXPECT_EQ(seen, expected);
+}
+
+// Faults: scenario and trace files come from users; a bad one is refused with a message, never a
+// crash, a hang or an exhausted memory.
+TEST(SourceFaults, HostileScenariosAreRefusedWithAMessage)
+{
+    const QByteArray deep = QByteArray(100'000, '[') + QByteArray(100'000, ']');
+    const auto beacon = [](const QByteArray& major) {
+        return R"({"beacons": [{"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": )" +
+               major + R"(, "minor": 1, "path": [[0, 1]]}]})";
+    };
+    QByteArray many = R"({"beacons": [)";
+    for (int i = 0; i <= 10'000; ++i)
+        many += R"({"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 1, "minor": 1, )"
+                R"("path": [[0, 1]]},)";
+    many.back() = ']';
+    many += '}';
+    const struct
+    {
+        QByteArray json;
+        const char* message;
+    } cases[] = {
+        {beacon("1e400"), "not valid JSON: number overflow"},
+        {beacon(deep), "nested deeper than 64 levels"},
+        {deep, "nested deeper than 64 levels"},
+        {beacon("[[[1]]]"), "beacons[0].major: expected an integer, got array"},
+        {beacon('"' + QByteArray(100'000, 'x') + '"'),
+         "got \"xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx..."},
+        {many, "beacons: more than 10000 beacons"},
+    };
+    for (const auto& c : cases) {
+        QString error;
+        EXPECT_FALSE(Scenario::parse(c.json, QStringLiteral("bad.json"), &error)) << c.message;
+        EXPECT_TRUE(error.contains(QLatin1StringView(c.message)) && error.size() < 200)
+            << error.left(300).toStdString() << "\n  expected: " << c.message;
+    }
+
+    // Files that would block or never end are refused before they are read.
+    QTemporaryDir dir;
+    const QString fifo = dir.filePath("fifo.json");
+    ASSERT_EQ(::mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+    for (const QString& path : {fifo, QStringLiteral("/dev/zero"), dir.path()}) {
+        QString error;
+        EXPECT_FALSE(Scenario::load(path, &error));
+        EXPECT_TRUE(error.endsWith("not a regular file")) << error.toStdString();
+        EXPECT_FALSE(ReplaySource::load(path, &error));
+        EXPECT_TRUE(error.endsWith("not a regular file")) << error.toStdString();
+    }
+}
+
+TEST(SourceFaults, ReplaySkipsBadRowsCountsThemAndSaysSoOnce)
+{
+    const QByteArray csv = "time,address,rssi,manufacturer_data_hex\n"
+                           "0,A,-60," +
+                           frame1207 +
+                           "\n"
+                           "1,A,62," +
+                           frame1207 +
+                           "\n"
+                           "2,A,-60\n"
+                           "nan,A,-60," +
+                           frame1207 +
+                           "\n"
+                           "9.3e9,A,-60," +
+                           frame1207 +
+                           "\n" // 292 years later: a bad row, no overflow
+                           "3,A,-60,zz\n"
+                           "4,A,-61," +
+                           frame1207 + "\n";
+    QTemporaryDir dir;
+    const QString path = dir.filePath("real.csv");
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(csv);
+    file.close();
+    static QStringList messages;
+    messages.clear();
+    const QtMessageHandler previous = qInstallMessageHandler(
+        [](QtMsgType, const QMessageLogContext&, const QString& text) { messages << text; });
+    QString problem;
+    const std::unique_ptr<BeaconSource> source =
+        SourceSelection::sourceFor(QStringLiteral("replay:") + path, &problem);
+    qInstallMessageHandler(previous);
+    EXPECT_TRUE(source) << problem.toStdString();
+    EXPECT_EQ(messages, QStringList{QStringLiteral("trace %1: 5 bad rows are skipped, the first at "
+                                                   "line 3: rssi \"62\" is not a dBm value (-127 "
+                                                   "to 20)")
+                                        .arg(path)});
+
+    QString error;
+    ReplaySource::BadRows bad;
+    const auto rows = ReplaySource::parse(csv, QStringLiteral("t.csv"), &error, nullptr, &bad);
+    ASSERT_TRUE(rows) << error.toStdString();
+    ASSERT_EQ(rows->size(), 2u);
+    EXPECT_EQ(rows->back().offsetNs, 4 * s);
+    EXPECT_EQ(bad.count, 5);
+    EXPECT_EQ(bad.firstLine, 3);
+}
+
+TEST(SourceFaults, ReplayNearTheEndOfTheClockDoesNotOverflow)
+{
+    QString error;
+    auto rows = ReplaySource::parse("0,A,-60," + frame1207 + "\n3e9,A,-60," + frame1207,
+                                    QStringLiteral("t.csv"), &error);
+    ASSERT_TRUE(rows) << error.toStdString();
+    constexpr std::int64_t end = std::numeric_limits<std::int64_t>::max();
+    VirtualClock clock(end - 10 * s);
+    ReplaySource source(std::move(*rows));
+    // The second row is due 95 years after the clock's end: never, rather than at once.
+    EXPECT_EQ(collect(source, clock, end - 1).size(), 1u);
 }
 
 } // namespace

@@ -13,6 +13,7 @@
 #include <QDBusServiceWatcher>
 #include <QDBusVariant>
 #include <QHash>
+#include <QSet>
 
 #include <QTimer>
 
@@ -54,6 +55,55 @@ const QString deviceInterface = QStringLiteral("org.bluez.Device1");
 
 using PropertyMap = QVariantMap;
 using InterfaceMap = QMap<QString, PropertyMap>;
+
+// Every argument is read only after its message's signature was checked: QDBusArgument reads
+// whatever it is told to and crashes on a mismatch, and a misbehaving bluetoothd (or anything
+// that owns org.bluez) can send anything.
+const QString interfacesAddedSignature = QStringLiteral("oa{sa{sv}}");
+const QString interfacesRemovedSignature = QStringLiteral("oas");
+const QString propertiesChangedSignature = QStringLiteral("sa{sv}as");
+const QString managedObjectsSignature = QStringLiteral("a{oa{sa{sv}}}");
+
+bool hasSignature(const QDBusMessage& message, const QString& expected)
+{
+    if (message.signature() == expected)
+        return true;
+    // Once per kind of message as a warning: a stream of them must not flood the log.
+    static QSet<QString> warned;
+    const bool first = !warned.contains(message.member());
+    warned.insert(message.member());
+    const QString text = QStringLiteral("ignoring %1 from %2 with signature \"%3\" instead of %4")
+                             .arg(message.member(), message.path(), message.signature(), expected);
+    if (first)
+        qCWarning(lcBlueZ).noquote() << text;
+    else
+        qCDebug(lcBlueZ).noquote() << text;
+    return false;
+}
+
+// bluetoothd sends RSSI as int16; anything else, or a value no receiver reports, is not a reading.
+std::optional<int> readRssi(const QVariant& value)
+{
+    qlonglong rssi = 0;
+    switch (value.typeId()) {
+    case QMetaType::Short:
+    case QMetaType::Int:
+    case QMetaType::LongLong:
+        rssi = value.toLongLong();
+        break;
+    case QMetaType::UChar:
+    case QMetaType::UShort:
+    case QMetaType::UInt:
+    case QMetaType::ULongLong:
+        rssi = qlonglong(std::min<qulonglong>(value.toULongLong(), 1000));
+        break;
+    default:
+        return std::nullopt;
+    }
+    if (rssi < -127 || rssi > 20)
+        return std::nullopt;
+    return int(rssi);
+}
 
 // a{sa{sv}}: interfaces of one object with their properties.
 InterfaceMap readInterfaces(const QDBusArgument& argument)
@@ -227,6 +277,8 @@ void BlueZSource::Private::loadObjects()
                         << "cannot list BlueZ objects:" << call->error().message();
                     return;
                 }
+                if (!hasSignature(reply, managedObjectsSignature))
+                    return;
                 const auto objects = reply.arguments().constFirst().value<QDBusArgument>();
                 objects.beginMap();
                 while (!objects.atEnd()) {
@@ -266,7 +318,8 @@ void BlueZSource::Private::addObject(const QString& path, const InterfaceMap& in
 void BlueZSource::Private::addAdapter(const QString& path, const PropertyMap& properties)
 {
     Adapter& adapter = m_adapters[path];
-    adapter.powered = properties.value(QStringLiteral("Powered")).toBool();
+    const QVariant powered = properties.value(QStringLiteral("Powered"));
+    adapter.powered = powered.typeId() == QMetaType::Bool && powered.toBool();
     adapter.session = false;
     adapter.address = properties.value(QStringLiteral("Address")).toString().toLatin1();
     if (adapter.powered)
@@ -292,7 +345,9 @@ void BlueZSource::Private::removeAdapter(const QString& path)
 void BlueZSource::Private::addDevice(const QString& path, const PropertyMap& properties, bool fresh)
 {
     Device& device = m_devices[path];
-    device.address = properties.value(QStringLiteral("Address")).toString().toLatin1();
+    const QVariant address = properties.value(QStringLiteral("Address"));
+    device.address = address.typeId() == QMetaType::QString ? address.toString().left(64).toLatin1()
+                                                            : QByteArray();
     if (device.address.isEmpty()) // the path ends in dev_XX_XX_XX_XX_XX_XX
         device.address = path.section(QLatin1Char('/'), -1)
                              .mid(4)
@@ -311,13 +366,22 @@ void BlueZSource::Private::updateDevice(Device& device, const PropertyMap& chang
 {
     const auto rssi = changed.constFind(QStringLiteral("RSSI"));
     const auto data = changed.constFind(QStringLiteral("ManufacturerData"));
-    if (rssi != changed.constEnd())
-        device.rssi = rssi->toInt();
-    else if (invalidated.contains(QLatin1String("RSSI")))
+    std::optional<int> reading;
+    if (rssi != changed.constEnd()) {
+        reading = readRssi(*rssi);
+        if (reading)
+            device.rssi = reading;
+        else
+            qCDebug(lcBlueZ).noquote()
+                << "dropping a malformed RSSI of" << device.address << ":" << *rssi;
+    } else if (invalidated.contains(QLatin1String("RSSI"))) {
         device.rssi.reset();
+    }
     if (data != changed.constEnd())
         device.frame = readIBeacon(*data);
-    const bool heard = rssi != changed.constEnd() || data != changed.constEnd();
+    // An advert whose RSSI is malformed is not heard at all: an older reading must not stand in.
+    const bool heard =
+        rssi != changed.constEnd() ? reading.has_value() : data != changed.constEnd();
     if (!heard || !m_wanted || !device.frame || !device.rssi)
         return;
     Sighting sighting;
@@ -334,9 +398,9 @@ void BlueZSource::Private::updateDevice(Device& device, const PropertyMap& chang
 
 void BlueZSource::Private::onInterfacesAdded(const QDBusMessage& message)
 {
-    const QVariantList arguments = message.arguments();
-    if (arguments.size() < 2)
+    if (!hasSignature(message, interfacesAddedSignature))
         return;
+    const QVariantList arguments = message.arguments();
     const QString path = arguments[0].value<QDBusObjectPath>().path();
     const InterfaceMap interfaces = readInterfaces(arguments[1].value<QDBusArgument>());
     const bool adapter = interfaces.contains(adapterInterface);
@@ -347,9 +411,9 @@ void BlueZSource::Private::onInterfacesAdded(const QDBusMessage& message)
 
 void BlueZSource::Private::onInterfacesRemoved(const QDBusMessage& message)
 {
-    const QVariantList arguments = message.arguments();
-    if (arguments.size() < 2)
+    if (!hasSignature(message, interfacesRemovedSignature))
         return;
+    const QVariantList arguments = message.arguments();
     const QString path = arguments[0].value<QDBusObjectPath>().path();
     const QStringList interfaces = arguments[1].toStringList();
     if (interfaces.contains(deviceInterface))
@@ -360,9 +424,9 @@ void BlueZSource::Private::onInterfacesRemoved(const QDBusMessage& message)
 
 void BlueZSource::Private::onDevicePropertiesChanged(const QDBusMessage& message)
 {
-    const QVariantList arguments = message.arguments();
-    if (arguments.size() < 3)
+    if (!hasSignature(message, propertiesChangedSignature))
         return;
+    const QVariantList arguments = message.arguments();
     const auto device = m_devices.find(message.path());
     // Known from InterfacesAdded or GetManagedObjects; an unknown device is only possible while
     // the object list is being read, and its next advert is not far.
@@ -374,15 +438,16 @@ void BlueZSource::Private::onDevicePropertiesChanged(const QDBusMessage& message
 
 void BlueZSource::Private::onAdapterPropertiesChanged(const QDBusMessage& message)
 {
-    const QVariantList arguments = message.arguments();
-    if (arguments.size() < 2)
+    if (!hasSignature(message, propertiesChangedSignature))
         return;
+    const QVariantList arguments = message.arguments();
     const auto adapter = m_adapters.find(message.path());
     if (adapter == m_adapters.end())
         return;
     const PropertyMap changed = qdbus_cast<PropertyMap>(arguments[1].value<QDBusArgument>());
     const auto powered = changed.constFind(QStringLiteral("Powered"));
-    if (powered == changed.constEnd() || powered->toBool() == adapter->powered)
+    if (powered == changed.constEnd() || powered->typeId() != QMetaType::Bool ||
+        powered->toBool() == adapter->powered)
         return;
     adapter->powered = powered->toBool();
     // Powering off ends every discovery session on the adapter.

@@ -1,15 +1,25 @@
 #include "quorlix/location/sources/Scenario.h"
 
-#include <QFile>
+#include "quorlix/location/sources/SourceFile.h"
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cmath>
 
 namespace Quorlix {
 namespace {
 
 using Json = nlohmann::json;
+
+// Far deeper than any scenario; deeper documents are refused while they are parsed, so that nothing
+// recursive (copies, dumps) ever walks them.
+constexpr int maxDepth = 64;
+constexpr std::size_t maxBeacons = 10'000;
+constexpr qint64 maxScenarioBytes = 64 * 1024 * 1024;
+
+struct TooDeep
+{};
 
 // Parse failures carry the path of the offending member ("beacons[1].path[0]").
 struct ScenarioError
@@ -23,6 +33,17 @@ std::string kindOf(const Json& value)
     return value.type_name();
 }
 
+// A value as it appears in a message: scalars as written, cut short; lists and objects by kind.
+std::string shown(const Json& value)
+{
+    if (value.is_structured())
+        return kindOf(value);
+    std::string text = value.dump(-1, ' ', false, Json::error_handler_t::replace);
+    if (text.size() > 40)
+        text = text.substr(0, 37) + "...";
+    return text;
+}
+
 std::string text(double x)
 {
     return QString::number(x).toStdString();
@@ -34,7 +55,7 @@ double number(const Json& value, const std::string& where, double low, double hi
         throw ScenarioError{where, "expected a number, got " + kindOf(value)};
     const double x = value.get<double>();
     if (!std::isfinite(x) || x < low || x > high)
-        throw ScenarioError{where, "value " + value.dump() + " is outside " + text(low) + " to " +
+        throw ScenarioError{where, "value " + shown(value) + " is outside " + text(low) + " to " +
                                        text(high)};
     return x;
 }
@@ -43,13 +64,13 @@ std::int64_t integer(const Json& value, const std::string& where, std::int64_t l
                      std::int64_t high)
 {
     if (!value.is_number_integer())
-        throw ScenarioError{where, "expected an integer, got " + value.dump()};
+        throw ScenarioError{where, "expected an integer, got " + shown(value)};
     const auto x = value.get<std::int64_t>();
     if (value.is_number_unsigned() && value.get<std::uint64_t>() > static_cast<std::uint64_t>(high))
-        throw ScenarioError{where, "value " + value.dump() + " is outside " + std::to_string(low) +
+        throw ScenarioError{where, "value " + shown(value) + " is outside " + std::to_string(low) +
                                        " to " + std::to_string(high)};
     if (x < low || x > high)
-        throw ScenarioError{where, "value " + value.dump() + " is outside " + std::to_string(low) +
+        throw ScenarioError{where, "value " + shown(value) + " is outside " + std::to_string(low) +
                                        " to " + std::to_string(high)};
     return x;
 }
@@ -87,7 +108,7 @@ ScenarioBeacon parseBeacon(const Json& json, const std::string& where, std::size
     if (uuid.is_string())
         beacon.uuid = QUuid::fromString(QString::fromStdString(uuid.get<std::string>()));
     if (beacon.uuid.isNull())
-        throw ScenarioError{where + ".uuid", "expected a UUID text, got " + uuid.dump()};
+        throw ScenarioError{where + ".uuid", "expected a UUID text, got " + shown(uuid)};
     beacon.major =
         static_cast<quint16>(integer(required(json, "major", where), where + ".major", 0, 65535));
     beacon.minor =
@@ -102,9 +123,11 @@ ScenarioBeacon parseBeacon(const Json& json, const std::string& where, std::size
     if (json.contains("noise"))
         beacon.noiseDb = number(json["noise"], where + ".noise", 0, 40);
     if (json.contains("address")) {
-        if (!json["address"].is_string())
+        if (!json["address"].is_string() ||
+            json["address"].get_ref<const std::string&>().size() > 64)
             throw ScenarioError{where + ".address",
-                                "expected a text, got " + json["address"].dump()};
+                                "expected a text of at most 64 characters, got " +
+                                    shown(json["address"])};
         beacon.address = QByteArray::fromStdString(json["address"].get<std::string>());
     } else {
         beacon.address = QStringLiteral("5A:00:00:00:%1:%2")
@@ -120,14 +143,14 @@ ScenarioBeacon parseBeacon(const Json& json, const std::string& where, std::size
         const std::string at = where + ".path[" + std::to_string(i) + "]";
         const Json& point = path[i];
         if (!point.is_array() || point.size() != 2)
-            throw ScenarioError{at, "expected [time, distance], got " + point.dump()};
+            throw ScenarioError{at, "expected [time, distance], got " + shown(point)};
         ScenarioBeacon::PathPoint p;
         p.timeS = number(point[0], at, 0, 1e9);
         if (!point[1].is_null())
             p.distanceM = number(point[1], at, 0.01, 1e6);
         if (!beacon.path.empty() && p.timeS < beacon.path.back().timeS)
             throw ScenarioError{at,
-                                "time " + point[0].dump() + " is earlier than the point before"};
+                                "time " + shown(point[0]) + " is earlier than the point before"};
         beacon.path.push_back(p);
     }
     return beacon;
@@ -149,6 +172,8 @@ Scenario parseScenario(const Json& json)
         throw ScenarioError{"beacons", "missing"};
     if (!beacons->is_array())
         throw ScenarioError{"beacons", "expected a list, got " + kindOf(*beacons)};
+    if (beacons->size() > maxBeacons)
+        throw ScenarioError{"beacons", "more than " + std::to_string(maxBeacons) + " beacons"};
     for (std::size_t i = 0; i < beacons->size(); ++i)
         scenario.beacons.push_back(
             parseBeacon((*beacons)[i], "beacons[" + std::to_string(i) + "]", i));
@@ -160,8 +185,18 @@ Scenario parseScenario(const Json& json)
 std::optional<Scenario> Scenario::parse(const QByteArray& json, const QString& name, QString* error)
 {
     Json document;
+    const Json::parser_callback_t depthLimit = [](int depth, Json::parse_event_t event, Json&) {
+        if (depth >= maxDepth && (event == Json::parse_event_t::object_start ||
+                                  event == Json::parse_event_t::array_start))
+            throw TooDeep{};
+        return true;
+    };
     try {
-        document = Json::parse(json.begin(), json.end());
+        document = Json::parse(json.begin(), json.end(), depthLimit);
+    } catch (const TooDeep&) {
+        *error =
+            QStringLiteral("scenario %1: nested deeper than %2 levels").arg(name).arg(maxDepth);
+        return std::nullopt;
     } catch (const Json::parse_error& e) {
         const qsizetype upTo = std::min<qsizetype>(static_cast<qsizetype>(e.byte), json.size());
         const QByteArray before = json.left(std::max<qsizetype>(upTo - 1, 0));
@@ -171,6 +206,14 @@ std::optional<Scenario> Scenario::parse(const QByteArray& json, const QString& n
                      .arg(name)
                      .arg(line)
                      .arg(column);
+        return std::nullopt;
+    } catch (const Json::exception& e) {
+        // Numbers out of double's range, above all ("1e400").
+        std::string what = e.what();
+        if (const std::size_t end = what.find("] "); what.starts_with('[') && end != what.npos)
+            what.erase(0, end + 2);
+        *error = QStringLiteral("scenario %1: not valid JSON: %2")
+                     .arg(name, QString::fromStdString(what.substr(0, 200)));
         return std::nullopt;
     }
     try {
@@ -184,22 +227,25 @@ std::optional<Scenario> Scenario::parse(const QByteArray& json, const QString& n
 
 std::optional<Scenario> Scenario::load(const QString& path, QString* error)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        *error = QStringLiteral("scenario %1: cannot be read: %2").arg(path, file.errorString());
+    QByteArray bytes;
+    QString problem;
+    if (!SourceFile::read(path, maxScenarioBytes, &bytes, &problem)) {
+        *error = QStringLiteral("scenario %1: cannot be read: %2").arg(path, problem);
         return std::nullopt;
     }
-    return parse(file.readAll(), path, error);
+    return parse(bytes, path, error);
 }
 
 std::optional<double> ScenarioBeacon::distanceAt(double timeS) const
 {
     if (path.empty())
         return std::nullopt;
-    // The last point at or before timeS (the first point holds before it starts).
-    std::size_t i = 0;
-    while (i + 1 < path.size() && path[i + 1].timeS <= timeS)
-        ++i;
+    // The last point at or before timeS (the first point holds before it starts); a binary search,
+    // since a path may have many points and this runs for every advert.
+    const auto after =
+        std::upper_bound(path.begin() + 1, path.end(), timeS,
+                         [](double t, const PathPoint& point) { return t < point.timeS; });
+    const std::size_t i = std::size_t(after - path.begin()) - 1;
     const PathPoint& from = path[i];
     if (!from.distanceM || i + 1 == path.size() || timeS <= from.timeS)
         return from.distanceM;
