@@ -225,29 +225,117 @@ TEST_F(EngineTest, ReportListsNearestFirstWithTheLastSecondsMeanRssi)
     EXPECT_LT(beacons[1].accuracy, beacons[2].accuracy);
 }
 
-TEST_F(EngineTest, BeaconsLostLatelyAreUnknownThenForgotten)
+// A beacon heard at its own pace keeps its word and rssi; once quiet for several of its own
+// intervals (at least a ranging period, at most 30 s) it is Unknown, and after twice that (at
+// least 5 s) it is gone. Times in s: the last reading, at 60 s, counts in the report at 61 s.
+TEST(RegionEngineQuiet, UnknownAfterSeveralOwnIntervalsThenForgotten)
 {
-    engine->startRanging(region("A"));
-    clock.advanceTo(500 * ms);
-    see(1, 1, -60);
-    see(2, 2, -80);
-    clock.advanceTo(1500 * ms);
-    see(2, 2, -80);
-    clock.advanceTo(2 * s);
-    // 1-1 was nearer, but is not heard in the last second: Unknown, rssi 0, last.
-    const QList<Beacon>& second = reports.back().second;
-    ASSERT_EQ(second.size(), 2);
-    EXPECT_EQ(second[0].minor, 2);
-    EXPECT_EQ(second[0].rssi, -80);
-    EXPECT_EQ(second[1], (Beacon{family, 1, 1, Proximity::Unknown, 0, -1.0}));
-    // 1-1 last heard at 0.5 s stays listed while within the 5 s window, then is gone.
-    clock.advanceTo(5 * s);
-    EXPECT_EQ(reports.back().second.size(), 2);
-    clock.advanceTo(6 * s);
-    EXPECT_EQ(reports.back().second.size(), 1);
-    clock.advanceTo(7 * s);
-    EXPECT_TRUE(reports.back().second.isEmpty());
-    EXPECT_EQ(engine->trackedCount(), 0u);
+    const struct
+    {
+        std::int64_t periodMs;
+        double quietIntervals;
+        std::int64_t unknownAtS, goneAtS;
+    } cases[] = {
+        {100, 6, 62, 66},   // 10 Hz: as before
+        {500, 6, 63, 67},   // 3 s quiet, 6 s window
+        {2000, 6, 72, 85},  // 12 s, 24 s
+        {5000, 6, 90, 121}, // capped at 30 s
+        {500, 0, 62, 66},   // the rule before: Unknown after any second without a reading
+    };
+    for (const auto& c : cases) {
+        VirtualClock clock;
+        RegionEngine engine(clock, RegionEngine::Tuning{c.quietIntervals, 30 * s});
+        std::vector<std::pair<std::int64_t, QList<Beacon>>> reports;
+        engine.ranged = [&](const QList<Beacon>& beacons, const std::shared_ptr<BeaconRegion>&) {
+            reports.emplace_back(clock.nowNs() / s, beacons);
+        };
+        engine.startRanging(region("A"));
+        for (std::int64_t t = c.periodMs * ms; t <= 60 * s; t += c.periodMs * ms) {
+            clock.advanceTo(t);
+            engine.addSighting(Sighting{t, {}, family, 1, 1, -59, t % (2 * s) < s ? -70 : -72});
+        }
+        clock.advanceTo(130 * s);
+        const auto at = std::to_string(c.periodMs) + " ms, " + std::to_string(c.quietIntervals);
+        for (const auto& [time, beacons] : reports) {
+            if (time * 1000 <= c.periodMs)
+                continue; // not heard yet
+            if (time >= c.goneAtS) {
+                EXPECT_TRUE(beacons.isEmpty()) << at << " @" << time;
+                continue;
+            }
+            ASSERT_EQ(beacons.size(), 1) << at << " @" << time;
+            const Beacon& b = beacons.first();
+            if (time >= c.unknownAtS) {
+                EXPECT_EQ(b, (Beacon{family, 1, 1, Proximity::Unknown, 0, -1.0})) << at << time;
+            } else {
+                EXPECT_EQ(b.proximity, Proximity::Far) << at << " @" << time;
+                EXPECT_TRUE(b.rssi == -70 || b.rssi == -72) << at << " @" << time;
+                EXPECT_NEAR(b.accuracy, 4.0, 0.55) << at << " @" << time;
+            }
+        }
+    }
+}
+
+// Calibration reaches beacons already tracked; a receiver's offset applies to its own readings
+// only. A -65 dBm reading of a beacon advertising -59 dBm is 2 m away by default.
+TEST(RegionEngineCalibration, SettingsChangeDistanceAndWordAtOnce)
+{
+    const auto settings = [](auto change) {
+        LocationSettings s;
+        change(s);
+        return s;
+    };
+    const struct
+    {
+        const char* what;
+        LocationSettings settings;
+        int rssi;
+        double distanceM;
+        Proximity word;
+    } cases[] = {
+        {"defaults", {}, -65, 1.995, Proximity::Near},
+        {"beacon's measured power", settings([](auto& s) {
+             s.measuredPower.insert(BeaconId{family, 1, 1}, -65);
+         }),
+         -65, 1.0, Proximity::Near},
+        {"another beacon's measured power", settings([](auto& s) {
+             s.measuredPower.insert(BeaconId{family, 1, 2}, -40);
+         }),
+         -65, 1.995, Proximity::Near},
+        {"receiver offset, any case",
+         settings([](auto& s) { s.rssiOffset.insert(QStringLiteral("00:1a:7d:da:71:13"), 6); }),
+         -59, 1.0, Proximity::Near},
+        {"another receiver's offset",
+         settings([](auto& s) { s.rssiOffset.insert(QStringLiteral("00:1A:7D:DA:71:14"), 6); }),
+         -65, 1.995, Proximity::Near},
+        {"exponent 3", settings([](auto& s) { s.pathLossExponent = 3; }), -65, 1.585,
+         Proximity::Near},
+        {"near limit 1.5 m", settings([](auto& s) { s.nearLimitM = 1.5; }), -65, 1.995,
+         Proximity::Far},
+        {"immediate limit 2.9 m", settings([](auto& s) { s.immediateLimitM = 2.9; }), -65, 1.995,
+         Proximity::Immediate},
+    };
+    for (const auto& c : cases) {
+        VirtualClock clock;
+        RegionEngine engine(clock);
+        QList<Beacon> last;
+        engine.ranged = [&](const QList<Beacon>& beacons, const std::shared_ptr<BeaconRegion>&) {
+            last = beacons;
+        };
+        engine.startRanging(region("A"));
+        // Far away at first, so that the word must move past the hysteresis to its band.
+        engine.addSighting(Sighting{0, {}, family, 1, 1, -59, -100, "00:1A:7D:DA:71:13"});
+        clock.advanceTo(1 * s);
+        engine.applySettings(c.settings);
+        for (std::int64_t t = 1 * s; t <= 30 * s; t += 100 * ms) {
+            clock.advanceTo(t);
+            engine.addSighting(Sighting{t, {}, family, 1, 1, -59, -65, "00:1A:7D:DA:71:13"});
+        }
+        ASSERT_EQ(last.size(), 1) << c.what;
+        EXPECT_NEAR(last.first().accuracy, c.distanceM, 0.01) << c.what;
+        EXPECT_EQ(last.first().rssi, c.rssi) << c.what;
+        EXPECT_EQ(last.first().proximity, c.word) << c.what;
+    }
 }
 
 TEST_F(EngineTest, TrackedBeaconsAreCappedKeepingTheNewest)

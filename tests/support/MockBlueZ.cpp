@@ -117,10 +117,4 @@ void MockBlueZ::flood(const QStringList& devicePaths, quint32 count, quint16 com
     QDBusConnection::systemBus().asyncCall(message, 600'000);
 }
 
-void MockBlueZ::sendMalformed(const QString& kind, const QString& devicePath,
-                              const QByteArray& data)
-{
-    callMock(QStringLiteral("SendMalformed"), {kind, devicePath, data});
-}
-
 } // namespace Quorlix::Testing

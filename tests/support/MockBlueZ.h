@@ -67,7 +67,10 @@ public:
 
     /// Emits one malformed signal of a kind named in SendMalformed of bluez_beacons.py, about the
     /// device at devicePath, with data as an iBeacon frame where one is needed.
-    void sendMalformed(const QString& kind, const QString& devicePath, const QByteArray& data);
+    void sendMalformed(const QString& kind, const QString& devicePath, const QByteArray& data)
+    {
+        call("SendMalformed", kind, devicePath, data);
+    }
 
 private:
     template <class... Arguments> QVariant call(const char* method, const Arguments&... arguments)

@@ -70,8 +70,7 @@ bool EngineLocationManager::applySettings(const LocationSettings& settings, QStr
 
 void EngineLocationManager::applyToEngine()
 {
-    m_engine->setExitPeriodNs(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(settings().exitPeriod).count());
+    m_engine->applySettings(settings());
 }
 
 } // namespace Quorlix

@@ -16,11 +16,9 @@ int rank(Proximity band)
     return static_cast<int>(band);
 }
 
-// Outer limit (metres) of a band: Immediate ends at 0.5 m, Near at 3 m.
-double outerLimit(Proximity band)
+double outerLimit(Proximity band, const ProximityFilter::Model& model)
 {
-    return band == Proximity::Immediate ? ProximityFilter::immediateLimitM
-                                        : ProximityFilter::nearLimitM;
+    return band == Proximity::Immediate ? model.immediateLimitM : model.nearLimitM;
 }
 
 } // namespace
@@ -33,7 +31,7 @@ ProximityFilter::ProximityFilter(Tuning tuning)
     : m_tuning(tuning)
 {}
 
-void ProximityFilter::addReading(std::int64_t timeNs, int rssi)
+void ProximityFilter::addReading(std::int64_t timeNs, double rssi)
 {
     if (!m_primed) {
         m_primed = true;
@@ -49,46 +47,46 @@ void ProximityFilter::addReading(std::int64_t timeNs, int rssi)
     m_lastNs = std::max(m_lastNs, timeNs);
 }
 
-Proximity ProximityFilter::update(int measuredPower)
+Proximity ProximityFilter::update(int measuredPower, const Model& model)
 {
     if (!m_primed)
         return m_band;
     const int power = effectivePower(measuredPower);
     if (m_band == Proximity::Unknown) {
-        m_band = bandFor(distanceFor(m_smoothed, power));
+        m_band = bandFor(distanceFor(m_smoothed, power, model), model);
         return m_band;
     }
     // One band at a time, each step only when the average is past the limit by the margin.
     while (m_band != Proximity::Immediate &&
-           m_smoothed >=
-               rssiAt(outerLimit(Proximity{rank(m_band) - 1}), power) + m_tuning.hysteresisDb)
+           m_smoothed >= rssiAt(outerLimit(Proximity{rank(m_band) - 1}, model), power, model) +
+                             m_tuning.hysteresisDb)
         m_band = Proximity{rank(m_band) - 1};
     while (m_band != Proximity::Far &&
-           m_smoothed <= rssiAt(outerLimit(m_band), power) - m_tuning.hysteresisDb)
+           m_smoothed <= rssiAt(outerLimit(m_band, model), power, model) - m_tuning.hysteresisDb)
         m_band = Proximity{rank(m_band) + 1};
     return m_band;
 }
 
-double ProximityFilter::distance(int measuredPower) const
+double ProximityFilter::distance(int measuredPower, const Model& model) const
 {
-    return m_primed ? distanceFor(m_smoothed, effectivePower(measuredPower)) : -1.0;
+    return m_primed ? distanceFor(m_smoothed, measuredPower, model) : -1.0;
 }
 
-double ProximityFilter::distanceFor(double rssi, int measuredPower)
+double ProximityFilter::distanceFor(double rssi, int measuredPower, const Model& model)
 {
-    return std::pow(10.0, (effectivePower(measuredPower) - rssi) / (10.0 * pathLossExponent));
+    return std::pow(10.0, (effectivePower(measuredPower) - rssi) / (10.0 * model.pathLossExponent));
 }
 
-double ProximityFilter::rssiAt(double distanceM, int measuredPower)
+double ProximityFilter::rssiAt(double distanceM, int measuredPower, const Model& model)
 {
-    return effectivePower(measuredPower) - 10.0 * pathLossExponent * std::log10(distanceM);
+    return effectivePower(measuredPower) - 10.0 * model.pathLossExponent * std::log10(distanceM);
 }
 
-Proximity ProximityFilter::bandFor(double distanceM)
+Proximity ProximityFilter::bandFor(double distanceM, const Model& model)
 {
-    if (distanceM < immediateLimitM)
+    if (distanceM < model.immediateLimitM)
         return Proximity::Immediate;
-    return distanceM < nearLimitM ? Proximity::Near : Proximity::Far;
+    return distanceM < model.nearLimitM ? Proximity::Near : Proximity::Far;
 }
 
 } // namespace Quorlix

@@ -39,15 +39,29 @@ struct BeaconKeyHash
 struct Tracked
 {
     BeaconKey key;
-    int measuredPower = 0;
+    int advertisedPower = 0;
+    int calibratedPower = 0; ///< from the settings; 0 when they name none for this beacon
     std::int64_t lastHeardNs = 0;
+    /// Smoothed time between readings; negative until the second reading.
+    double meanIntervalNs = -1;
     ProximityFilter filter;
-    // Readings since the last ranging tick, and what they came to at that tick.
-    std::int64_t rssiSum = 0;
+    // Readings since the last ranging tick, and what they came to at the last tick with some.
+    double rssiSum = 0;
     int rssiCount = 0;
-    bool heardLastSecond = false;
-    int lastSecondRssi = 0;
+    bool quiet = true;
+    int lastRssi = 0;
+
+    int power() const { return calibratedPower != 0 ? calibratedPower : advertisedPower; }
 };
+
+// Until a second reading shows a beacon's pace, it is taken to read once a second: a beacon heard
+// once turns Unknown after a few seconds and is forgotten a few seconds later, yet one that reads
+// every 5 s is still listed when its second reading comes.
+constexpr double firstIntervalNs = 1e9;
+// Weight of a new interval in the smoothed one. The intervals of a lossy beacon spread about as
+// much as their mean; at 1/16 the smoothed one stays within about 20% of it, and follows a change
+// of pace within some 16 readings.
+constexpr double intervalWeight = 1.0 / 16;
 
 struct Watch
 {
@@ -77,17 +91,17 @@ bool matches(const BeaconRegion& region, const BeaconKey& key)
     return region.matches(key.uuid, key.major, key.minor);
 }
 
-Beacon report(const Tracked& tracked)
+Beacon report(const Tracked& tracked, const ProximityFilter::Model& model)
 {
     Beacon beacon;
     beacon.proximityUUID = tracked.key.uuid;
     beacon.major = tracked.key.major;
     beacon.minor = tracked.key.minor;
-    // Heard in the window but not in the last second: no current reading, as the phone reports it.
-    if (tracked.heardLastSecond) {
+    // Still tracked but quiet for longer than its pace explains: no current reading.
+    if (!tracked.quiet) {
         beacon.proximity = tracked.filter.proximity();
-        beacon.rssi = tracked.lastSecondRssi;
-        beacon.accuracy = tracked.filter.distance(tracked.measuredPower);
+        beacon.rssi = tracked.lastRssi;
+        beacon.accuracy = tracked.filter.distance(tracked.power(), model);
     }
     return beacon;
 }
@@ -120,6 +134,24 @@ struct RegionEngine::State
     std::int64_t exitTimerAtNs = 0;
     Clock::TimerId tickTimer = 0;
     std::int64_t nextTickNs = 0;
+    ProximityFilter::Model model;
+    QHash<BeaconId, int> measuredPower;
+    // Few receivers, compared byte-wise per sighting: cheaper than hashing the address.
+    std::vector<std::pair<QByteArray, double>> rssiOffset;
+
+    int calibratedPower(const BeaconKey& key) const
+    {
+        return measuredPower.value(BeaconId{key.uuid, key.major, key.minor}, 0);
+    }
+
+    double offsetOf(const QByteArray& receiver) const
+    {
+        for (const auto& [address, offset] : rssiOffset) {
+            if (address.compare(receiver, Qt::CaseInsensitive) == 0)
+                return offset;
+        }
+        return 0;
+    }
 
     void forget(std::list<Tracked>::iterator it)
     {
@@ -129,7 +161,12 @@ struct RegionEngine::State
 };
 
 RegionEngine::RegionEngine(Clock& clock)
+    : RegionEngine(clock, Tuning{})
+{}
+
+RegionEngine::RegionEngine(Clock& clock, Tuning tuning)
     : m_clock(clock)
+    , m_tuning(tuning)
     , m_state(std::make_unique<State>())
 {}
 
@@ -199,6 +236,20 @@ void RegionEngine::setExitPeriodNs(std::int64_t periodNs)
     armExitTimer();
 }
 
+void RegionEngine::applySettings(const LocationSettings& settings)
+{
+    State& state = *m_state;
+    state.model = {settings.pathLossExponent, settings.immediateLimitM, settings.nearLimitM};
+    state.measuredPower = settings.measuredPower;
+    state.rssiOffset.clear();
+    for (auto it = settings.rssiOffset.begin(); it != settings.rssiOffset.end(); ++it)
+        state.rssiOffset.emplace_back(it.key().toLatin1(), it.value());
+    for (Tracked& beacon : state.tracked)
+        beacon.calibratedPower = state.calibratedPower(beacon.key);
+    setExitPeriodNs(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(settings.exitPeriod).count());
+}
+
 std::size_t RegionEngine::trackedCount() const
 {
     return m_state->index.size();
@@ -238,19 +289,39 @@ void RegionEngine::addSighting(const Sighting& sighting)
             state.forget(std::prev(state.tracked.end()));
         state.tracked.emplace_front();
         state.tracked.front().key = key;
+        state.tracked.front().calibratedPower = state.calibratedPower(key);
         it = state.tracked.begin();
         state.index.emplace(key, it);
     } else {
         it = found->second;
         if (it != state.tracked.begin())
             state.tracked.splice(state.tracked.begin(), state.tracked, it);
+        Tracked& beacon = *it;
+        // Sightings out of order count as arriving together.
+        const double gap = static_cast<double>(std::min(
+            std::max<std::int64_t>(sighting.timeNs - beacon.lastHeardNs, 0), m_tuning.maxQuietNs));
+        beacon.meanIntervalNs =
+            beacon.meanIntervalNs < 0
+                ? gap
+                : beacon.meanIntervalNs + intervalWeight * (gap - beacon.meanIntervalNs);
     }
     Tracked& beacon = *it;
-    beacon.measuredPower = sighting.measuredPower;
+    const double rssi = state.rssiOffset.empty()
+                            ? sighting.rssi
+                            : sighting.rssi + state.offsetOf(sighting.receiver);
+    beacon.advertisedPower = sighting.measuredPower;
     beacon.lastHeardNs = std::max(beacon.lastHeardNs, sighting.timeNs);
-    beacon.filter.addReading(sighting.timeNs, sighting.rssi);
-    beacon.rssiSum += sighting.rssi;
+    beacon.filter.addReading(sighting.timeNs, rssi);
+    beacon.rssiSum += rssi;
     ++beacon.rssiCount;
+}
+
+std::int64_t RegionEngine::quietAfterNs(double meanIntervalNs) const
+{
+    const double interval = meanIntervalNs < 0 ? firstIntervalNs : meanIntervalNs;
+    const double quiet =
+        std::min(m_tuning.quietIntervals * interval, static_cast<double>(m_tuning.maxQuietNs));
+    return std::max(rangingIntervalNs, static_cast<std::int64_t>(quiet));
 }
 
 void RegionEngine::updateScanning()
@@ -360,17 +431,24 @@ void RegionEngine::onTick()
     state.nextTickNs += rangingIntervalNs;
     state.tickTimer = m_clock.schedule(state.nextTickNs, [this] { onTick(); });
 
-    while (!state.tracked.empty() && now - state.tracked.back().lastHeardNs > trackingWindowNs)
-        state.forget(std::prev(state.tracked.end()));
-    for (Tracked& beacon : state.tracked) {
-        beacon.heardLastSecond = beacon.rssiCount > 0;
-        if (beacon.heardLastSecond) {
-            beacon.lastSecondRssi = static_cast<int>(std::lround(
-                static_cast<double>(beacon.rssiSum) / static_cast<double>(beacon.rssiCount)));
-            beacon.filter.update(beacon.measuredPower);
+    for (auto it = state.tracked.begin(); it != state.tracked.end();) {
+        Tracked& beacon = *it;
+        const std::int64_t silence = now - beacon.lastHeardNs;
+        const std::int64_t quietAfter = quietAfterNs(beacon.meanIntervalNs);
+        if (silence > std::max(trackingWindowNs, 2 * quietAfter)) {
+            state.forget(it++);
+            continue;
+        }
+        if (beacon.rssiCount > 0) {
+            beacon.quiet = false;
+            beacon.lastRssi = static_cast<int>(std::lround(beacon.rssiSum / beacon.rssiCount));
+            beacon.filter.update(beacon.power(), state.model);
+        } else if (silence >= quietAfter) {
+            beacon.quiet = true;
         }
         beacon.rssiSum = 0;
         beacon.rssiCount = 0;
+        ++it;
     }
 
     struct Report
@@ -385,7 +463,7 @@ void RegionEngine::onTick()
         Report r{watch.id, watch.region, {}};
         for (const Tracked& beacon : state.tracked) {
             if (matches(*watch.region, beacon.key))
-                r.beacons.append(report(beacon));
+                r.beacons.append(report(beacon, state.model));
         }
         std::sort(r.beacons.begin(), r.beacons.end(), nearerFirst);
         reports.push_back(std::move(r));

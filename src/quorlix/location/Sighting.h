@@ -17,6 +17,9 @@ struct Sighting
     quint16 minor = 0;
     qint8 measuredPower = 0; ///< the beacon's RSSI at 1 m, in dBm
     int rssi = 0;            ///< dBm
+    /// The receiving adapter's address ("00:1A:7D:DA:71:13"), for its RSSI offset; empty when the
+    /// source does not know it.
+    QByteArray receiver{};
 
     friend bool operator==(const Sighting&, const Sighting&) = default;
 };

@@ -173,10 +173,12 @@ private:
     {
         bool powered = false;
         bool session = false; ///< our discovery session is started or being started
+        QByteArray address;   ///< what per-receiver calibration names it by
     };
     struct Device
     {
         QByteArray address;
+        QByteArray receiver; ///< its adapter's address
         std::optional<IBeaconFrame> frame;
         std::optional<int> rssi;
     };
@@ -319,6 +321,7 @@ void BlueZSource::Private::addAdapter(const QString& path, const PropertyMap& pr
     const QVariant powered = properties.value(QStringLiteral("Powered"));
     adapter.powered = powered.typeId() == QMetaType::Bool && powered.toBool();
     adapter.session = false;
+    adapter.address = properties.value(QStringLiteral("Address")).toString().toLatin1();
     if (adapter.powered)
         qCInfo(lcBlueZ).noquote() << "adapter" << path << "is on";
     else
@@ -350,6 +353,7 @@ void BlueZSource::Private::addDevice(const QString& path, const PropertyMap& pro
                              .mid(4)
                              .replace(QLatin1Char('_'), QLatin1Char(':'))
                              .toLatin1();
+    device.receiver = m_adapters.value(path.section(QLatin1Char('/'), 0, -2)).address;
     if (fresh) {
         updateDevice(device, properties, {});
         return;
@@ -388,6 +392,7 @@ void BlueZSource::Private::updateDevice(Device& device, const PropertyMap& chang
     sighting.minor = device.frame->minor;
     sighting.measuredPower = device.frame->measuredPower;
     sighting.rssi = *device.rssi;
+    sighting.receiver = device.receiver;
     m_source.deliver(sighting);
 }
 
