@@ -13,19 +13,6 @@ namespace {
 
 constexpr std::int64_t ms = 1'000'000;
 
-// Times in ms of entries and exits, and the ranging reports with their times in ns.
-struct Seen
-{
-    QList<std::int64_t> entries, exits;
-    QList<std::pair<std::int64_t, std::shared_ptr<VeskDevice>>> ranges;
-    void listen(VeskEventManager& manager, const std::function<std::int64_t()>& now)
-    {
-        manager.onEntry([this, now](const auto&) { entries << now() / ms; });
-        manager.onExit([this, now](const auto&) { exits << now() / ms; });
-        manager.onRange([this, now](const auto& device) { ranges.append({now(), device}); });
-    }
-};
-
 TEST(EndToEnd, SimulatedDeviceReachesTheEventManagerInVirtualTime)
 {
     Testing::DirectoryProcess directory;
@@ -47,8 +34,12 @@ TEST(EndToEnd, SimulatedDeviceReachesTheEventManagerInVirtualTime)
     });
     const auto manager = VeskEventManager::create(QStringLiteral("1047"));
     LocationManager::setFactory({});
-    Seen seen;
-    seen.listen(*manager, [&] { return clock->nowNs(); });
+    // Times in ms of entries and exits; ranging reports with their times in ns.
+    QList<std::int64_t> entries, exits;
+    QList<std::pair<std::int64_t, std::shared_ptr<VeskDevice>>> ranges;
+    manager->onEntry([&](const auto&) { entries << clock->nowNs() / ms; });
+    manager->onExit([&](const auto&) { exits << clock->nowNs() / ms; });
+    manager->onRange([&](const auto& device) { ranges.append({clock->nowNs(), device}); });
     // Entry and exit handlers run on the main queue: let it turn after each step.
     const auto advanceTo = [&](std::int64_t t) {
         for (std::int64_t step = clock->nowNs(); step < t; step += 100 * ms) {
@@ -58,26 +49,26 @@ TEST(EndToEnd, SimulatedDeviceReachesTheEventManagerInVirtualTime)
     };
 
     advanceTo(1900 * ms);
-    EXPECT_TRUE(seen.entries.isEmpty());
-    EXPECT_TRUE(seen.ranges.isEmpty()); // empty reports reach no handler
+    EXPECT_TRUE(entries.isEmpty());
+    EXPECT_TRUE(ranges.isEmpty()); // empty reports reach no handler
     advanceTo(3000 * ms);
-    ASSERT_EQ(seen.entries.size(), 1);
-    EXPECT_LE(seen.entries.first(), 2400);
+    ASSERT_EQ(entries.size(), 1);
+    EXPECT_LE(entries.first(), 2400);
 
     advanceTo(20 * 1000 * ms);
-    ASSERT_GE(seen.ranges.size(), 16);
-    for (const auto& [time, device] : seen.ranges) {
+    ASSERT_GE(ranges.size(), 16);
+    for (const auto& [time, device] : ranges) {
         if (time < 4000 * ms)
             continue;
         EXPECT_EQ(device->distance, QStringLiteral("Near")) << time / ms;
         EXPECT_NEAR(device->rssi.value_or(QString()).toInt(), -57, 2) << time / ms;
     }
     advanceTo(49'900 * ms);
-    EXPECT_TRUE(seen.exits.isEmpty());
+    EXPECT_TRUE(exits.isEmpty());
     advanceTo(51'000 * ms);
-    ASSERT_EQ(seen.exits.size(), 1);
-    EXPECT_GE(seen.exits.first(), 49'900);
-    EXPECT_EQ(seen.entries.size(), 1);
+    ASSERT_EQ(exits.size(), 1);
+    EXPECT_GE(exits.first(), 49'900);
+    EXPECT_EQ(entries.size(), 1);
 }
 
 } // namespace

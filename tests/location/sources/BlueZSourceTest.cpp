@@ -231,6 +231,7 @@ struct Unusable
     const char* restore;
     const char* warning;
     QStringList calls; ///< the adapter object's whole discovery log once restored
+    friend void PrintTo(const Unusable& u, std::ostream* out) { *out << u.name; }
 };
 
 class BlueZSourceWaitTest : public BlueZSourceTest, public ::testing::WithParamInterface<Unusable>
