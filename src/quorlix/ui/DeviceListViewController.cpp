@@ -19,8 +19,8 @@ DeviceListViewController::DeviceListViewController()
 {
     // A window of its own, never a child: the shared_ptr is its only owner. A dialog, because Qt's
     // X11 backend writes WM_TRANSIENT_FOR (which makes the window manager place the screen over
-    // the host and keep it above) only for dialog-type windows. Title and close button only: a
-    // minimised modal screen would leave a host that ignores every click.
+    // the host and keep it above) only for dialog-type windows. It asks for a title and a close
+    // button only: a modal list has nothing to minimise or maximise.
     setWindowFlags(Qt::Dialog | Qt::CustomizeWindowHint | Qt::WindowTitleHint |
                    Qt::WindowCloseButtonHint);
     setWindowTitle(QStringLiteral("List of Nearby Devices"));
