@@ -220,6 +220,12 @@ void screenshot(const char* name)
         {"-window", "root", QUORLIX_TEST_OUTPUT_DIR "/desktop-" + QString(name) + ".png"});
 }
 
+void click(QPoint at)
+{
+    x11("xdotool",
+        {"mousemove", "--sync", QString::number(at.x()), QString::number(at.y()), "click", "1"});
+}
+
 // The windows listed in an xprop answer ("... window id # 0x400007, 0x600003"), in order.
 QList<WId> windowIds(const QString& xpropAnswer)
 {
@@ -252,7 +258,11 @@ protected:
         host.setWindowTitle("Host");
         host.setGeometry(200, 120, 760, 560);
         host.show();
-        ASSERT_TRUE(Testing::runUntil([this] { return host.isActiveWindow(); }, 10000));
+        // A window mapped while openbox is still starting up is not focused; click it, as a
+        // user would.
+        if (!Testing::runUntil([this] { return host.isActiveWindow(); }, 3000))
+            click(host.geometry().center());
+        ASSERT_TRUE(Testing::runUntil([this] { return host.isActiveWindow(); }, 20000));
         devices = VeskDeviceManager::create("com.example.host");
     }
 
@@ -263,10 +273,15 @@ protected:
             QTimer::singleShot(0, &host, [this] { devices->stopLooking(); });
         });
         DeviceListViewController& screen = *devices->listViewController;
-        // The list has the keyboard once the window manager has given the screen the focus.
+        // The list has the keyboard once the window manager has given the screen the focus, and
+        // the window manager's own keys (Alt+F4) act on the screen once it says so too.
         EXPECT_TRUE(Testing::runUntil(
-            [&] { return screen.isActiveWindow() && QApplication::focusWidget() == screen.table; },
-            10000));
+            [&] {
+                return screen.isActiveWindow() && QApplication::focusWidget() == screen.table &&
+                       windowIds(x11("xprop", {"-root", "_NET_ACTIVE_WINDOW"})) ==
+                           QList<WId>{screen.winId()};
+            },
+            20000));
         screen.items << "1047"
                      << "1048"
                      << "2002";
@@ -286,9 +301,7 @@ TEST_F(DesktopPairing, ScreenIsTransientForTheHostPlacedOverItAndStaysAboveIt)
     screenshot("1-pairing-over-host");
 
     // A click on the host, beside the screen: the window manager must not raise the host over it.
-    const QPoint beside = host.geometry().topLeft() + QPoint(20, 20);
-    x11("xdotool", {"mousemove", "--sync", QString::number(beside.x()), QString::number(beside.y()),
-                    "click", "1"});
+    click(host.geometry().topLeft() + QPoint(20, 20));
     // It keeps the keyboard too: the window manager focused the host, the screen takes it back.
     Testing::runFor(1000);
     EXPECT_EQ(x11("xdotool", {"getwindowfocus"}).toULongLong(), screen.winId());
@@ -321,8 +334,13 @@ TEST_P(DesktopPairingExit, ReachesTheHostOnceAndTheHostStopsTheScan)
     const DeviceListViewController& screen = pair();
     screenshot(QString("3-before-%1").arg(c.name).toUtf8().constData());
     StdoutCapture capture;
-    x11("xdotool", QStringList{"key", "--delay", "100"} + c.keys);
-    ASSERT_TRUE(Testing::runUntil([this] { return !results.isEmpty(); }, 5000));
+    const QStringList typing = QStringList{"key", "--delay", "100"} + c.keys;
+    x11("xdotool", typing);
+    // With several desktops at once on a loaded machine, openbox now and then lets one Alt+F4
+    // pass (about once in 25 runs); nothing has happened then, and a user would press again.
+    if (!Testing::runUntil([this] { return !results.isEmpty(); }, 5000) && screen.isVisible())
+        x11("xdotool", typing);
+    ASSERT_TRUE(Testing::runUntil([this] { return !results.isEmpty(); }, 20000));
     Testing::runFor(300); // a second report would come now
     const QStringList log = capture.lines();
     EXPECT_EQ(results, QStringList{c.result});
