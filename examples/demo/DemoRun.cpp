@@ -107,6 +107,10 @@ void DemoRun::finish()
         return;
     m_finished = true;
     saveScreenshot(m_window, QStringLiteral("main-window.png"));
+    if (!m_plan.screenshots.isEmpty() && !m_screenSaved)
+        m_window->logEvent(QStringLiteral("shot"),
+                           QStringLiteral("no pairing-screen.png: no pairing listed a device "
+                                          "during the run"));
     if (m_pairStarted && !m_chosen)
         m_window->logEvent(QStringLiteral("pair"),
                            QStringLiteral("no device was listed before the end of the run"));

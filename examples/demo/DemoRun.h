@@ -11,8 +11,9 @@ namespace QuorlixDemo {
 class DemoWindow;
 
 /// The timed part of a run: in a headless run, the pairing started after a few seconds and the
-/// automatic choice on the list screen; in every run, the screenshots and the stop after
-/// --seconds, with a closing summary.
+/// automatic choice on the list screen; in every run, the stop after --seconds with a closing
+/// summary, and the screenshots: the pairing screen's once a pairing lists a device (a headless
+/// run pairs by itself; on a display, when the user pairs), the main window's at the end.
 class DemoRun : public QObject
 {
     Q_OBJECT

@@ -14,6 +14,7 @@
 #include <QPlainTextEdit>
 #include <QPointer>
 #include <QPushButton>
+#include <QScreen>
 #include <QSpinBox>
 #include <QTimer>
 #include <QVBoxLayout>
@@ -43,9 +44,15 @@ DemoWindow::DemoWindow(const Setup& setup, QWidget* parent)
                                  .arg(setup.directoryDescription.toHtmlEscaped(),
                                       setup.sourceDescription.toHtmlEscaped()));
     where->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    // A long scenario path must not set the window's minimum width; the tooltip has it whole.
+    where->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    where->setToolTip(QStringLiteral("Directory: %1\nBeacons: %2")
+                          .arg(setup.directoryDescription, setup.sourceDescription));
 
     m_deviceField = new QLineEdit(setup.device);
     m_deviceField->setPlaceholderText(QStringLiteral("device ID, e.g. 1047"));
+    m_deviceField->setMinimumWidth(
+        m_deviceField->fontMetrics().horizontalAdvance(QStringLiteral("0000000000")));
     m_filterField = new QSpinBox;
     m_filterField->setRange(0, 3600);
     m_filterField->setSuffix(QStringLiteral(" s"));
@@ -88,6 +95,7 @@ DemoWindow::DemoWindow(const Setup& setup, QWidget* parent)
     m_log->setReadOnly(true);
     m_log->setMaximumBlockCount(2000);
     m_log->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
+    m_log->setMinimumHeight(m_log->fontMetrics().lineSpacing() * 6);
 
     auto* layout = new QVBoxLayout(this);
     layout->addWidget(title);
@@ -96,7 +104,10 @@ DemoWindow::DemoWindow(const Setup& setup, QWidget* parent)
     layout->addWidget(pairBox);
     layout->addWidget(new QLabel(QStringLiteral("Event log")));
     layout->addWidget(m_log, 1);
-    resize(720, 560);
+    // As large as it likes where there is room, down to a 1280x800 screen at 150% (853x533
+    // device-independent pixels), less the window manager's frame; never below what stays usable.
+    const QSize room = screen()->availableGeometry().size() - QSize(16, 48);
+    resize(QSize(720, 560).boundedTo(room).expandedTo(minimumSizeHint()));
 
     connect(watchButton, &QPushButton::clicked, this, [this] { watch(m_deviceField->text()); });
     connect(m_deviceField, &QLineEdit::returnPressed, this,
@@ -111,6 +122,8 @@ DemoWindow::DemoWindow(const Setup& setup, QWidget* parent)
     });
     connect(m_pairButton, &QPushButton::clicked, this, &DemoWindow::pair);
 
+    for (const QString& note : setup.storeNotes)
+        logEvent(QStringLiteral("store"), note);
     // The device manager reloads the stored keys and resolves each of them right away, as a host
     // that pairs would do at start.
     m_deviceManager = Quorlix::VeskDeviceManager::create(setup.appID);

@@ -38,6 +38,8 @@ public:
         int filter = 0;
         std::optional<int> exitPeriod; ///< seconds; absent: the library's default
         QString appID;
+        /// What the check of the key store against the directory did, for the log.
+        QStringList storeNotes;
     };
 
     /// Event counts since the start, for the closing summary.

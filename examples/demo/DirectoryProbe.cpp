@@ -1,5 +1,6 @@
 #include "DirectoryProbe.h"
 
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
@@ -61,17 +62,26 @@ DirectoryProbe::Answer DirectoryProbe::lookUp(const QString& deviceID) const
     curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &status);
 
     const QJsonDocument document = QJsonDocument::fromJson(body);
-    const QString majorMinor = document.object().value(QStringLiteral("MajorMinor")).toString();
     if (status == 404 || !document.isObject())
         return {QStringLiteral("the directory service at %1 does not know device %2 (HTTP %3)")
                     .arg(m_host, deviceID)
                     .arg(status),
                 {}};
-    if (!isMajorMinor(majorMinor))
-        return {QStringLiteral("device %1 has no usable \"MajorMinor\" in the directory (got '%2')")
-                    .arg(deviceID, majorMinor),
-                {}};
-    return {{}, majorMinor};
+    const QJsonObject record = document.object();
+    QJsonValue key = record.value(QStringLiteral("Key"));
+    if (key.isArray())
+        key = key.toArray().at(0); // undefined for an empty list: no key
+    Answer answer;
+    if (key.isDouble())
+        answer.key = QString::number(key.toInteger());
+    answer.majorMinor = record.value(QStringLiteral("MajorMinor")).toString();
+    if (!isMajorMinor(answer.majorMinor)) {
+        answer.problem =
+            QStringLiteral("device %1 has no usable \"MajorMinor\" in the directory (got '%2')")
+                .arg(deviceID, answer.majorMinor);
+        answer.majorMinor.clear();
+    }
+    return answer;
 }
 
 } // namespace QuorlixDemo

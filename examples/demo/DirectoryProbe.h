@@ -18,6 +18,10 @@ public:
         QString majorMinor;
         /// Whether the service answered at all.
         bool reachable = true;
+        /// The record's "Key" as the library reads it (a number, or a list whose first element is
+        /// one); empty when the service has no usable key for the ID, which stops the library
+        /// when it reloads that ID as a stored key.
+        QString key = QString();
     };
 
     explicit DirectoryProbe(QString host);

@@ -6,6 +6,7 @@
 #include "DemoRun.h"
 #include "DemoWindow.h"
 #include "DirectoryProbe.h"
+#include "KeyStoreCheck.h"
 
 #include "DirectoryServer.h"
 
@@ -91,7 +92,9 @@ int main(int argc, char** argv)
 
     const bool headless = options.headless || !hasDisplay();
     if (headless) {
-        qputenv("QT_QPA_PLATFORM", "offscreen");
+        // An offscreen platform chosen by the user keeps its options (its screen's size, say).
+        if (!qEnvironmentVariable("QT_QPA_PLATFORM").startsWith(QStringLiteral("offscreen")))
+            qputenv("QT_QPA_PLATFORM", "offscreen");
         qInstallMessageHandler(dropOffscreenNoise);
     }
     QApplication app(argc, argv);
@@ -166,6 +169,12 @@ int main(int argc, char** argv)
         DirectoryProbe(setup.directoryHost).lookUp(options.device);
     if (!answer.problem.isEmpty())
         return fail(answer.reachable ? 2 : 1, answer.problem);
+    // It also stops at the next Pair when a stored key no longer resolves.
+    const KeyStoreCheck::Result keyCheck =
+        KeyStoreCheck::run(DirectoryProbe(setup.directoryHost), Quorlix::UserDefaults::standard());
+    if (!keyCheck.problem.isEmpty())
+        return fail(1, keyCheck.problem);
+    setup.storeNotes = keyCheck.notes;
 
     DemoWindow window(setup);
     window.show();

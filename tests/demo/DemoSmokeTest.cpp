@@ -1,6 +1,9 @@
 // Runs the real quorlix-demo program: headless on the shipped simulated scenario with its
 // in-process directory service, and with bad arguments.
 
+#include "quorlix/platform/UserDefaults.h"
+
+#include <QFile>
 #include <QImage>
 #include <QProcess>
 #include <QRegularExpression>
@@ -18,9 +21,12 @@ struct DemoResult
     QString err;
 };
 
-DemoResult runDemo(const QStringList& arguments, const QString& configHome)
+DemoResult runDemo(const QStringList& arguments, const QString& configHome,
+                   const QStringList& extraEnvironment = {}, int timeoutMs = 30000)
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const QString& setting : extraEnvironment)
+        environment.insert(setting.section(u'=', 0, 0), setting.section(u'=', 1));
     // The key store goes to a scratch settings directory, never the user's.
     environment.insert("XDG_CONFIG_HOME", configHome);
     for (const char* name :
@@ -29,7 +35,7 @@ DemoResult runDemo(const QStringList& arguments, const QString& configHome)
     QProcess demo;
     demo.setProcessEnvironment(environment);
     demo.start(QStringLiteral(QUORLIX_DEMO_PROGRAM), arguments);
-    const bool finished = demo.waitForFinished(30000);
+    const bool finished = demo.waitForFinished(timeoutMs);
     if (!finished)
         demo.kill();
     demo.waitForFinished();
@@ -49,26 +55,44 @@ QStringList events(const QString& out, const QString& kind)
     return found;
 }
 
-// A rendered screen has text on a background: many colours, not a blank rectangle.
-int coloursIn(const QString& path)
+// A picture of at least this size with text on a background: many colours, not a blank rectangle.
+void expectPicture(const QString& path, int minWidth, int minHeight)
 {
     const QImage image(path);
+    ASSERT_FALSE(image.isNull()) << "not a readable image: " << path.toStdString();
+    EXPECT_GE(image.width(), minWidth) << path.toStdString();
+    EXPECT_GE(image.height(), minHeight) << path.toStdString();
     QSet<QRgb> colours;
     for (int y = 0; y < image.height(); y += 2)
         for (int x = 0; x < image.width(); x += 2)
             colours.insert(image.pixel(x, y));
-    return static_cast<int>(colours.size());
+    EXPECT_GE(colours.size(), 8) << path.toStdString();
 }
 
+// At 150% on a 1280x800 screen, with a stored key the directory no longer knows (which would stop
+// the library at Pair).
 TEST(DemoSmoke, HeadlessRunWatchesPairsStoresAndTakesScreenshots)
 {
     QTemporaryDir scratch;
     ASSERT_TRUE(scratch.isValid());
     const QString shots = scratch.filePath(QStringLiteral("shots"));
-    const DemoResult run = runDemo({"--headless", "--seconds", "8", "--screenshots", shots},
-                                   scratch.filePath(QStringLiteral("config")));
+    const QString config = scratch.filePath(QStringLiteral("config"));
+    Quorlix::UserDefaults store(config + QStringLiteral("/Quorlix/quorlix-demo.json"));
+    ASSERT_TRUE(store.setStringArray("VeskDeviceManagerKeys", {"1048", "9999"}));
+    QFile screen(scratch.filePath(QStringLiteral("screen.json")));
+    ASSERT_TRUE(screen.open(QIODevice::WriteOnly));
+    screen.write(R"({"screens": [{"name": "s", "x": 0, "y": 0, "width": 1280, "height": 800}]})");
+    screen.close();
+    const DemoResult run = runDemo(
+        {"--headless", "--seconds", "8", "--screenshots", shots}, config,
+        {"QT_QPA_PLATFORM=offscreen:configfile=" + screen.fileName(), "QT_SCALE_FACTOR=1.5"});
     ASSERT_EQ(run.exitCode, 0) << run.err.toStdString() << run.out.toStdString();
     const std::string log = run.out.toStdString();
+    const QStringList storeLines = events(run.out, "store");
+    ASSERT_GE(storeLines.size(), 2) << log;
+    EXPECT_TRUE(storeLines[0].startsWith("set aside stored key 9999, not loaded: ")) << log;
+    EXPECT_EQ(storeLines[1], "kept aside in the key store under QuorlixDemoSetAsideKeys: 9999");
+    EXPECT_EQ(store.stringArray("QuorlixDemoSetAsideKeys"), QStringList{"9999"});
 
     EXPECT_EQ(events(run.out, "watch"), QStringList{"device 1047, beacon 12-7"}) << log;
     EXPECT_FALSE(events(run.out, "entry").isEmpty()) << log;
@@ -86,18 +110,31 @@ TEST(DemoSmoke, HeadlessRunWatchesPairsStoresAndTakesScreenshots)
     EXPECT_TRUE(run.out.contains("\nsaving device keys\n")) << log;
     const QStringList summary = events(run.out, "summary");
     ASSERT_EQ(summary.size(), 1) << log;
-    const QRegularExpression chosen("chosen key " + key + ", stored keys .*\\b" + key + "\\b");
-    EXPECT_TRUE(chosen.match(summary.first()).hasMatch()) << log;
-    EXPECT_GE(coloursIn(shots + "/main-window.png"), 8);
-    EXPECT_GE(coloursIn(shots + "/pairing-screen.png"), 8);
+    EXPECT_TRUE(summary.first().contains(QStringLiteral("chosen key ") + key)) << log;
+    EXPECT_TRUE(QRegularExpression(QStringLiteral("stored keys .*\\b%1\\b").arg(key))
+                    .match(summary.first())
+                    .hasMatch())
+        << log;
 
-    // The next start of the host reloads the stored key.
-    const DemoResult again = runDemo({"--headless", "--seconds", "1", "--pick", "none"},
-                                     scratch.filePath(QStringLiteral("config")));
+    // Screenshots are in device pixels: the window and its frame fit the 800 pixels.
+    const QImage main(shots + QStringLiteral("/main-window.png"));
+    EXPECT_LE(main.height(), 800 - 30);
+    EXPECT_LE(main.width(), 1280);
+    expectPicture(shots + QStringLiteral("/main-window.png"), 600, 450);
+    expectPicture(shots + QStringLiteral("/pairing-screen.png"), 450, 630);
+
+    // The next start of the host reloads the stored key; a run that never pairs says that it has
+    // no picture of the pairing screen.
+    const QString moreShots = scratch.filePath(QStringLiteral("more"));
+    const DemoResult again = runDemo(
+        {"--headless", "--seconds", "1", "--pick", "none", "--screenshots", moreShots}, config);
     ASSERT_EQ(again.exitCode, 0) << again.err.toStdString();
     const QStringList stored = events(again.out, "store");
     ASSERT_FALSE(stored.isEmpty()) << again.out.toStdString();
     EXPECT_TRUE(stored.first().contains(key)) << again.out.toStdString();
+    EXPECT_EQ(events(again.out, "shot").last(),
+              "no pairing-screen.png: no pairing listed a device during the run");
+    EXPECT_FALSE(QFile::exists(moreShots + QStringLiteral("/pairing-screen.png")));
 }
 
 TEST(DemoSmoke, BadStartsEndWithAMessageAndAnExitCode)

@@ -1,4 +1,5 @@
 #include "DirectoryProbe.h"
+#include "KeyStoreCheck.h"
 
 #include "DirectoryProcess.h"
 
@@ -9,6 +10,7 @@
 
 using Quorlix::Testing::DirectoryProcess;
 using QuorlixDemo::DirectoryProbe;
+using QuorlixDemo::KeyStoreCheck;
 
 namespace {
 
@@ -52,6 +54,36 @@ TEST(DirectoryProbe, ResolvesKnownDevicesAndExplainsTheOthers)
     EXPECT_FALSE(answer.reachable);
     EXPECT_TRUE(answer.problem.contains("does not answer") && answer.problem.contains(host))
         << answer.problem.toStdString();
+}
+
+// Keys the directory does not know (or that the library could not even ask for) move out of the
+// loaded entry and come back once known; an unreachable service changes nothing.
+TEST(KeyStoreCheck, SetsAsideWhatTheDirectoryDoesNotKnowAndRestoresWhatItKnowsAgain)
+{
+    QTemporaryDir dir;
+    QFile devices(dir.filePath("devices.json"));
+    ASSERT_TRUE(devices.open(QIODevice::WriteOnly));
+    devices.write(R"([{"Key": 1047, "MajorMinor": "12-7"}, {"Key": 2001, "MajorMinor": "300-1"},
+                      {"Key": 8, "MajorMinor": "bad"}])");
+    devices.close();
+    DirectoryProcess service(devices.fileName());
+    Quorlix::UserDefaults store(dir.filePath("store.json"));
+    ASSERT_TRUE(store.setStringArray("VeskDeviceManagerKeys", {"1047", "9999", "10/47", "8"}));
+    ASSERT_TRUE(store.setStringArray("QuorlixDemoSetAsideKeys", {"2001", "5555"}));
+
+    const KeyStoreCheck::Result result = KeyStoreCheck::run(DirectoryProbe(service.host()), store);
+    EXPECT_TRUE(result.problem.isEmpty()) << result.problem.toStdString();
+    EXPECT_EQ(store.stringArray("VeskDeviceManagerKeys"), QStringList({"1047", "8", "2001"}));
+    EXPECT_EQ(store.stringArray("QuorlixDemoSetAsideKeys"), QStringList({"9999", "10/47", "5555"}));
+    ASSERT_EQ(result.notes.size(), 4) << result.notes.join('\n').toStdString();
+    EXPECT_TRUE(result.notes[0].startsWith("set aside stored key 9999, not loaded: the directory"));
+    EXPECT_TRUE(result.notes[1].contains("'10/47' is not a device ID"));
+    EXPECT_EQ(result.notes[2], "restored stored key 2001: the directory knows it again");
+
+    const QString host = QStringLiteral("127.0.0.1:%1").arg(Quorlix::Testing::unusedPort());
+    const KeyStoreCheck::Result unreachable = KeyStoreCheck::run(DirectoryProbe(host), store);
+    EXPECT_TRUE(unreachable.problem.contains("does not answer"));
+    EXPECT_EQ(store.stringArray("VeskDeviceManagerKeys"), QStringList({"1047", "8", "2001"}));
 }
 
 } // namespace

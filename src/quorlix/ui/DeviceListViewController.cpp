@@ -3,7 +3,10 @@
 #include "quorlix/platform/Fatal.h"
 #include "quorlix/platform/Log.h"
 
+#include <QCloseEvent>
 #include <QCoreApplication>
+#include <QGuiApplication>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QPalette>
 #include <QPushButton>
@@ -14,10 +17,22 @@ namespace Quorlix {
 
 DeviceListViewController::DeviceListViewController()
 {
-    // A window of its own, never a child: the shared_ptr is its only owner.
-    setWindowFlag(Qt::Window);
+    // A window of its own, never a child: the shared_ptr is its only owner. A dialog, because Qt's
+    // X11 backend writes WM_TRANSIENT_FOR (which makes the window manager place the screen over
+    // the host and keep it above) only for dialog-type windows. It asks for a title and a close
+    // button only: a modal list has nothing to minimise or maximise.
+    setWindowFlags(Qt::Dialog | Qt::CustomizeWindowHint | Qt::WindowTitleHint |
+                   Qt::WindowCloseButtonHint);
     setWindowTitle(QStringLiteral("List of Nearby Devices"));
     setFixedSize(300, 420);
+
+    // A window manager may give the focus to the host when the user clicks it (openbox does),
+    // where Qt then drops every key; the keyboard belongs to the screen while it is up.
+    connect(qGuiApp, &QGuiApplication::focusWindowChanged, this, [this](QWindow* focused) {
+        if (focused != nullptr && isVisible() && windowModality() != Qt::NonModal &&
+            focused == windowHandle()->transientParent())
+            activateWindow();
+    });
 }
 
 DeviceListViewController::~DeviceListViewController()
@@ -39,6 +54,26 @@ void DeviceListViewController::showEvent(QShowEvent* event)
 {
     loadViewIfNeeded();
     QWidget::showEvent(event);
+    if (table != nullptr)
+        table->setFocus(Qt::OtherFocusReason);
+}
+
+// A close that the window system asks for (title-bar button, Alt+F4) is the user leaving the
+// screen without a choice, so the host hears of it as of a Cancel. Only that close is spontaneous:
+// the screen's own dismissal after a choice or a cancel, and a host closing its windows, are not
+// and report nothing. The dismissal inside cancelPair() finds this close under way and leaves it.
+void DeviceListViewController::closeEvent(QCloseEvent* event)
+{
+    if (event->spontaneous())
+        cancelPair(m_cancelButton);
+    QWidget::closeEvent(event);
+}
+
+void DeviceListViewController::keyPressEvent(QKeyEvent* event)
+{
+    if (event->key() == Qt::Key_Escape && event->modifiers() == Qt::NoModifier)
+        return cancelPair(m_cancelButton);
+    QWidget::keyPressEvent(event);
 }
 
 void DeviceListViewController::viewDidLoad()
@@ -54,7 +89,7 @@ void DeviceListViewController::viewDidLoad()
     label->setText(QStringLiteral("List of Nearby Devices"));
     label->show();
 
-    auto* button = new QPushButton(this);
+    auto* button = m_cancelButton = new QPushButton(this);
     button->setGeometry(200, 20, 100, 50);
     button->setText(QStringLiteral("Cancel"));
     // A borderless text button in the accent colour, as a system button looks.
@@ -62,6 +97,8 @@ void DeviceListViewController::viewDidLoad()
     QPalette accent = button->palette();
     accent.setColor(QPalette::ButtonText, QColor(0, 122, 255));
     button->setPalette(accent);
+    // Return presses it when it has the focus, as it does a dialog's buttons.
+    button->setAutoDefault(true);
     connect(button, &QPushButton::clicked, this, [this, button] { cancelPair(button); });
     button->show();
 
@@ -119,6 +156,8 @@ void DeviceListViewController::present(QWidget* host, bool)
         windowHandle()->setTransientParent(hostWindow->windowHandle());
         setWindowModality(Qt::WindowModal);
     } else {
+        if (windowHandle() != nullptr)
+            windowHandle()->setTransientParent(nullptr);
         setWindowModality(Qt::NonModal);
     }
     show();

@@ -20,9 +20,13 @@ namespace Quorlix {
 /// table with one row per entry of items. A choice or a cancel goes to delegate, then the screen
 /// closes itself.
 ///
-/// Owned by a std::shared_ptr and never by a QObject parent: present() shows it as a window of its
-/// own, modal to the host's window, and only links the two windows, so neither the host nor Qt
-/// ever deletes it. It may be released while shown; it then simply disappears.
+/// Owned by a std::shared_ptr and never by a QObject parent: present() shows it as a dialog window
+/// of its own, modal to the host's window, and only links the two windows, so neither the host nor
+/// Qt ever deletes it. It may be released while shown; it then simply disappears.
+///
+/// As a desktop window: the window manager keeps it over the host's window; closing it from the
+/// window manager (title-bar button, Alt+F4) or pressing Escape is a cancelPair(); the list has the
+/// focus first, and Return, Enter or Space pick its highlighted row as a click does.
 class QUORLIX_EXPORT DeviceListViewController
     : public QWidget,
       public TableViewDataSource,
@@ -65,11 +69,14 @@ public:
 
 protected:
     void showEvent(QShowEvent* event) override;
+    void closeEvent(QCloseEvent* event) override;
+    void keyPressEvent(QKeyEvent* event) override;
 
 private:
     void releaseAfterEventIfLast();
 
     bool m_viewLoaded = false;
+    QPushButton* m_cancelButton = nullptr;
 };
 
 } // namespace Quorlix

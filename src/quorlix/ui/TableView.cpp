@@ -4,6 +4,7 @@
 
 #include <QAbstractTableModel>
 #include <QHeaderView>
+#include <QKeyEvent>
 
 namespace Quorlix {
 
@@ -58,6 +59,8 @@ TableView::TableView(QWidget* parent)
     setSelectionMode(QAbstractItemView::SingleSelection);
     setEditTriggers(QAbstractItemView::NoEditTriggers);
     setWordWrap(false);
+    // Tab leaves the list for the screen's button, as in any form; the arrows move in it.
+    setTabKeyNavigation(false);
     connect(this, &QAbstractItemView::clicked, this, [this](const QModelIndex& index) {
         if (m_model->source != nullptr && index.isValid())
             m_model->source->didSelectRowAtIndexPath(index.row());
@@ -79,7 +82,42 @@ TableViewDataSource* TableView::dataSource() const
 
 void TableView::reloadData()
 {
+    // A reset forgets the current row; a keyboard user who had moved to a row keeps it while new
+    // rows come in, and a list that has the focus highlights its first row as soon as there is one.
+    const int row = currentIndex().row();
     m_model->reset();
+    const int rows = m_model->rowCount({});
+    if (row >= 0 && row < rows)
+        setCurrentIndex(m_model->index(row, 0));
+    else if (hasFocus() && rows > 0)
+        setCurrentIndex(m_model->index(0, 0));
+}
+
+void TableView::keyPressEvent(QKeyEvent* event)
+{
+    switch (event->key()) {
+    case Qt::Key_Return:
+    case Qt::Key_Enter:
+    case Qt::Key_Space:
+        if (event->modifiers() & ~Qt::KeypadModifier)
+            break;
+        if (m_model->source != nullptr && currentIndex().isValid())
+            m_model->source->didSelectRowAtIndexPath(currentIndex().row());
+        return;
+    default:
+        break;
+    }
+    QTableView::keyPressEvent(event);
+}
+
+void TableView::currentChanged(const QModelIndex& current, const QModelIndex& previous)
+{
+    QTableView::currentChanged(current, previous);
+    // Keyboard focus landing on the list makes its first row current without selecting it; the
+    // row that Return would pick must show as picked.
+    if (current.isValid() && !selectionModel()->isRowSelected(current.row(), {}))
+        selectionModel()->select(current,
+                                 QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
 }
 
 } // namespace Quorlix

@@ -9,7 +9,8 @@ namespace Quorlix {
 class TableViewDataSource;
 
 /// A one-column list whose rows come from a TableViewDataSource, asked afresh at every
-/// reloadData(); a click on a row reports it to the same source.
+/// reloadData(); a click on a row, or Return, Enter or Space on the highlighted one, reports it to
+/// the same source. The highlight is the current row, and it stays on its row across reloads.
 class QUORLIX_EXPORT TableView : public QTableView
 {
     Q_OBJECT
@@ -24,6 +25,10 @@ public:
 
     /// Drops every row shown and asks the source again.
     void reloadData();
+
+protected:
+    void keyPressEvent(QKeyEvent* event) override;
+    void currentChanged(const QModelIndex& current, const QModelIndex& previous) override;
 
 private:
     class Model;
