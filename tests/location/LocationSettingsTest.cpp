@@ -79,6 +79,7 @@ TEST(LocationSettings, BadValuesAreRefusedNamingTheMember)
     const QByteArray deep = QByteArray(100'000, '[') + QByteArray(100'000, ']');
     QString error;
     EXPECT_FALSE(LocationSettings::parse(deep, QStringLiteral("deep"), &error));
+    EXPECT_FALSE(LocationSettings::load(QStringLiteral("/dev/zero"), &error));
 }
 
 TEST(LocationSettings, DefaultsComeFromTheCalibrationFileAndRefuseProblems)

@@ -1,6 +1,7 @@
 #include "quorlix/location/LocationSettings.h"
 
 #include "quorlix/LoggingCategories.h"
+#include "quorlix/location/sources/SourceFile.h"
 
 #include <QFile>
 #include <QJsonArray>
@@ -208,18 +209,14 @@ std::optional<LocationSettings> LocationSettings::parse(const QByteArray& json, 
 
 std::optional<LocationSettings> LocationSettings::load(const QString& path, QString* error)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        *error = QStringLiteral("calibration %1: cannot be read: %2").arg(path, file.errorString());
+    // No real calibration file comes near the limit; a FIFO or a device is refused, not waited on.
+    QByteArray bytes;
+    QString problem;
+    if (!SourceFile::read(path, 16 << 20, &bytes, &problem)) {
+        *error = QStringLiteral("calibration %1: cannot be read: %2").arg(path, problem);
         return std::nullopt;
     }
-    // No real calibration file comes near this; a bigger one is not one.
-    constexpr qint64 limit = 16 << 20;
-    if (file.size() > limit) {
-        *error = QStringLiteral("calibration %1: larger than 16 MiB").arg(path);
-        return std::nullopt;
-    }
-    return parse(file.read(limit), path, error);
+    return parse(bytes, path, error);
 }
 
 QByteArray LocationSettings::toJson() const
