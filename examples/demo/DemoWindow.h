@@ -22,6 +22,8 @@ class VeskEventManager;
 
 namespace QuorlixDemo {
 
+using QuorlixTools::DirectoryProbe;
+
 /// The demo's main window: watch one device (entry, exit and ranging events in a log), pair with
 /// a nearby one over this window, and see the stored device keys.
 class DemoWindow : public QWidget

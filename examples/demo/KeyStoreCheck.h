@@ -8,6 +8,8 @@
 
 namespace QuorlixDemo {
 
+using QuorlixTools::DirectoryProbe;
+
 /// Checks the pairing key store against the directory before the library loads it. The library
 /// stops the process at the next Pair when a stored key no longer resolves, so the demo moves
 /// such keys to an entry of their own, where they are kept but not loaded, and moves them back

@@ -53,8 +53,8 @@ void WatchCommand::describe(QCommandLineParser& parser) const
 std::shared_ptr<Quorlix::BeaconRegion>
 WatchCommand::resolve(const QString& directory, const QString& deviceID, QString* problem)
 {
-    const QuorlixDemo::DirectoryProbe::Answer answer =
-        QuorlixDemo::DirectoryProbe(directory).lookUp(deviceID);
+    const QuorlixTools::DirectoryProbe::Answer answer =
+        QuorlixTools::DirectoryProbe(directory).lookUp(deviceID);
     if (!answer.problem.isEmpty()) {
         *problem = answer.problem;
         return nullptr;

@@ -9,7 +9,7 @@
 
 #include <memory>
 
-namespace QuorlixDemo {
+namespace QuorlixTools {
 namespace {
 
 std::size_t appendToBody(char* data, std::size_t size, std::size_t count, void* body)
@@ -84,4 +84,4 @@ DirectoryProbe::Answer DirectoryProbe::lookUp(const QString& deviceID) const
     return answer;
 }
 
-} // namespace QuorlixDemo
+} // namespace QuorlixTools

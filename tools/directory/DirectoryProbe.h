@@ -2,11 +2,12 @@
 
 #include <QString>
 
-namespace QuorlixDemo {
+namespace QuorlixTools {
 
 /// Asks the directory service about a device before the library does. The library stops the
-/// process when the service is unreachable or a device ID does not resolve; the demo checks first,
-/// so that a typo in the ID field or a wrong --directory gets a message instead.
+/// process when the service is unreachable or a device ID does not resolve; the demo and the
+/// quorlix command check first, so that a typo in a device ID or a wrong --directory gets a message
+/// instead.
 class DirectoryProbe
 {
 public:
@@ -37,4 +38,4 @@ private:
     QString m_host;
 };
 
-} // namespace QuorlixDemo
+} // namespace QuorlixTools
