@@ -18,8 +18,7 @@ namespace Quorlix::Testing {
 struct ToolRun
 {
     int exitCode = -1; ///< -1: crashed or timed out
-    QString out;
-    QString err;
+    QString out, err;
 
     /// Standard output's lines parsed as JSON objects (a line that is not one fails the test).
     std::vector<QJsonObject> json() const
@@ -61,12 +60,6 @@ inline ToolRun runTool(const QStringList& arguments, const QString& home, int ti
     run.out = QString::fromUtf8(tool.readAllStandardOutput());
     run.err += QString::fromUtf8(tool.readAllStandardError());
     return run;
-}
-
-/// A file of the shipped scenarios.
-inline QString scenario(const QString& name)
-{
-    return QStringLiteral(QUORLIX_SCENARIOS "/") + name;
 }
 
 /// Writes text into dir/name; returns the path.
