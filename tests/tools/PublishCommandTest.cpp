@@ -5,17 +5,17 @@
 #include "DirectoryProcess.h"
 #include "ToolProcess.h"
 
-#include <QElapsedTimer>
+#include <QDeadlineTimer>
+#include <QMap>
 #include <QTemporaryDir>
 
 #include <csignal>
 #include <functional>
-#include <map>
 
 namespace {
 
 using namespace Quorlix::Testing;
-using Retained = std::map<QString, QByteArray>;
+using Retained = QMap<QString, QByteArray>;
 
 // Starts a mosquitto broker that keeps nothing over a restart (so whatever is retained afterwards
 // was published again); returns once it listens.
@@ -31,8 +31,7 @@ void startBroker(QProcess& broker, const QString& config)
 // last messages seen, by topic.
 Retained retainedWhen(int port, const std::function<bool(const Retained&)>& done)
 {
-    QElapsedTimer waited;
-    waited.start();
+    const QDeadlineTimer deadline(15000);
     Retained messages;
     do {
         QProcess subscriber;
@@ -45,19 +44,13 @@ Retained retainedWhen(int port, const std::function<bool(const Retained&)>& done
             if (const qsizetype space = line.indexOf(' '); space > 0)
                 messages[QString::fromUtf8(line.left(space))] = line.mid(space + 1);
         }
-    } while (!done(messages) && waited.elapsed() < 15000);
+    } while (!done(messages) && !deadline.hasExpired());
     return messages;
 }
 
-QByteArray payload(const Retained& messages, const char* topic)
+QJsonObject json(const Retained& messages, const QString& topic)
 {
-    const auto found = messages.find(QString::fromLatin1(topic));
-    return found == messages.end() ? QByteArray() : found->second;
-}
-
-QJsonObject json(const Retained& messages, const char* topic)
-{
-    return QJsonDocument::fromJson(payload(messages, topic)).object();
+    return QJsonDocument::fromJson(messages.value(topic)).object();
 }
 
 TEST(PublishCommand, RoomsSurviveABrokerRestartAndEndOfflineByWillOrByStop)
@@ -94,9 +87,9 @@ TEST(PublishCommand, RoomsSurviveABrokerRestartAndEndOfflineByWillOrByStop)
                json(messages, "quorlix/Test_room/12-7/state")[u"proximity"].toString() == u"Near" &&
                json(messages, "quorlix/Test_room/300-1/state")[u"proximity"].toString() == u"Far" &&
                json(messages, "quorlix/hall/1047/state")[u"proximity"].toString() == u"Near" &&
-               !payload(messages, "quorlix/hall/1048/state").isEmpty() &&
-               payload(messages, "quorlix/Test_room/availability") == "online" &&
-               payload(messages, "quorlix/hall/availability") == "online";
+               !messages.value("quorlix/hall/1048/state").isEmpty() &&
+               messages.value("quorlix/Test_room/availability") == "online" &&
+               messages.value("quorlix/hall/availability") == "online";
     };
     for (const bool restarted : {false, true}) {
         SCOPED_TRACE(restarted ? "after the broker restarted" : "first connection");
@@ -119,7 +112,7 @@ TEST(PublishCommand, RoomsSurviveABrokerRestartAndEndOfflineByWillOrByStop)
         // Every entity of both rooms reads its field from a state and names its availability.
         const QHash<QString, QString> deviceClasses{
             {"presence", "presence"}, {"distance", "distance"}, {"rssi", "signal_strength"}};
-        for (const auto& [topic, text] : messages) {
+        for (const auto& [topic, text] : messages.asKeyValueRange()) {
             if (!topic.startsWith(u"homeassistant/"))
                 continue;
             SCOPED_TRACE(topic.toStdString());
@@ -130,10 +123,8 @@ TEST(PublishCommand, RoomsSurviveABrokerRestartAndEndOfflineByWillOrByStop)
             EXPECT_TRUE(id.startsWith(config[u"device"][u"identifiers"][0].toString() + u'_'));
             EXPECT_EQ(config[u"device_class"].toString(), deviceClasses.value(field));
             EXPECT_EQ(config[u"value_template"].toString(), "{{ value_json." + field + " }}");
-            EXPECT_TRUE(
-                json(messages, qPrintable(config[u"state_topic"].toString())).contains(field));
-            EXPECT_EQ(payload(messages, qPrintable(config[u"availability_topic"].toString())),
-                      "online");
+            EXPECT_TRUE(json(messages, config[u"state_topic"].toString()).contains(field));
+            EXPECT_EQ(messages.value(config[u"availability_topic"].toString()), "online");
         }
     }
 
@@ -143,8 +134,8 @@ TEST(PublishCommand, RoomsSurviveABrokerRestartAndEndOfflineByWillOrByStop)
     EXPECT_EQ(watched.exitStatus(), QProcess::NormalExit);
     EXPECT_EQ(watched.exitCode(), 0);
     const auto offline = [](const Retained& messages) {
-        return payload(messages, "quorlix/Test_room/availability") == "offline" &&
-               payload(messages, "quorlix/hall/availability") == "offline";
+        return messages.value("quorlix/Test_room/availability") == "offline" &&
+               messages.value("quorlix/hall/availability") == "offline";
     };
     const Retained after = retainedWhen(port, offline);
     EXPECT_TRUE(offline(after));
