@@ -17,12 +17,12 @@ namespace {
 using namespace Quorlix::Testing;
 using Retained = QMap<QString, QByteArray>;
 
-// Starts a mosquitto broker that keeps nothing over a restart (so whatever is retained afterwards
-// was published again); returns once it listens.
-void startBroker(QProcess& broker, const QString& config)
+// Starts a mosquitto broker on a loopback port that keeps nothing over a restart (so whatever is
+// retained afterwards was published again); returns once it listens.
+void startBroker(QProcess& broker, int port)
 {
     broker.setProcessChannelMode(QProcess::MergedChannels);
-    broker.start(QStringLiteral(QUORLIX_MOSQUITTO), {"-c", config});
+    broker.start(QStringLiteral(QUORLIX_MOSQUITTO), {"-p", QString::number(port)});
     for (QByteArray log; !log.contains(" running") && broker.waitForReadyRead(5000);)
         log += broker.readAll();
 }
@@ -58,19 +58,15 @@ TEST(PublishCommand, RoomsSurviveABrokerRestartAndEndOfflineByWillOrByStop)
     QTemporaryDir dir;
     DirectoryProcess directory;
     const int port = unusedPort();
-    const QString config = writeFile(
-        dir.path(), QStringLiteral("mosquitto.conf"),
-        QStringLiteral("listener %1 127.0.0.1\nallow_anonymous true\n").arg(port).toUtf8());
     QProcess broker;
-    startBroker(broker, config);
+    startBroker(broker, port);
     const QString scenario = writeFile(dir.path(), QStringLiteral("room.json"), R"({"seed": 4,
-      "beacons": [
-        {"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 12, "minor": 7, "noise": 1,
-         "path": [[0, 1.0]]},
-        {"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 300, "minor": 1, "noise": 1,
-         "path": [[0, 6.0]]},
-        {"uuid": "2f234454-cf6d-4a0f-adf2-f4911ba9ffa6", "major": 5, "minor": 6, "path": [[0, 2]]}
-      ]})");
+      "beacons": [{"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 12, "minor": 7,
+                   "noise": 1, "path": [[0, 1.0]]},
+                  {"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 300, "minor": 1,
+                   "noise": 1, "path": [[0, 6.0]]},
+                  {"uuid": "2f234454-cf6d-4a0f-adf2-f4911ba9ffa6", "major": 5, "minor": 6,
+                   "path": [[0, 2]]}]})");
     const QStringList common = QStringList{"publish", "--source", "simulate:" + scenario}
                                << "--broker" << QStringLiteral("127.0.0.1:%1").arg(port)
                                << "--directory" << directory.host() << "--interval"
@@ -96,7 +92,7 @@ TEST(PublishCommand, RoomsSurviveABrokerRestartAndEndOfflineByWillOrByStop)
         if (restarted) {
             broker.terminate();
             broker.waitForFinished(5000);
-            startBroker(broker, config);
+            startBroker(broker, port);
         }
         const Retained messages = retainedWhen(port, settled);
         ASSERT_TRUE(settled(messages)) << messages.size() << " retained messages";
@@ -116,15 +112,15 @@ TEST(PublishCommand, RoomsSurviveABrokerRestartAndEndOfflineByWillOrByStop)
             if (!topic.startsWith(u"homeassistant/"))
                 continue;
             SCOPED_TRACE(topic.toStdString());
-            const QJsonObject config = QJsonDocument::fromJson(text).object();
+            const QJsonObject entity = QJsonDocument::fromJson(text).object();
             const QString id = topic.section(u'/', 2, 2), field = id.section(u'_', -1);
             EXPECT_EQ(topic.section(u'/', 1, 1), field == u"presence" ? "binary_sensor" : "sensor");
-            EXPECT_EQ(config[u"unique_id"].toString(), id);
-            EXPECT_TRUE(id.startsWith(config[u"device"][u"identifiers"][0].toString() + u'_'));
-            EXPECT_EQ(config[u"device_class"].toString(), deviceClasses.value(field));
-            EXPECT_EQ(config[u"value_template"].toString(), "{{ value_json." + field + " }}");
-            EXPECT_TRUE(json(messages, config[u"state_topic"].toString()).contains(field));
-            EXPECT_EQ(messages.value(config[u"availability_topic"].toString()), "online");
+            EXPECT_EQ(entity[u"unique_id"].toString(), id);
+            EXPECT_TRUE(id.startsWith(entity[u"device"][u"identifiers"][0].toString() + u'_'));
+            EXPECT_EQ(entity[u"device_class"].toString(), deviceClasses.value(field));
+            EXPECT_EQ(entity[u"value_template"].toString(), "{{ value_json." + field + " }}");
+            EXPECT_TRUE(json(messages, entity[u"state_topic"].toString()).contains(field));
+            EXPECT_EQ(messages.value(entity[u"availability_topic"].toString()), "online");
         }
     }
 

@@ -11,6 +11,7 @@
 
 #include <array>
 #include <map>
+#include <tuple>
 
 namespace {
 
@@ -45,14 +46,10 @@ TEST(QuorlixCommand, ScanFollowsTheDemoScenario)
         ASSERT_EQ(row[u"uuid"].toString(), QLatin1StringView(family));
         ASSERT_LT(row[u"rssi"].toInt(), -30);
     }
-    // (scenario: 12-7 comes at 0.5 s, 0.3 m from 5 to 9 s; 12-8 at 4 m from 1 to 12 s; 300-1 from
-    // 2 s at 2 m drifting to 7 m. Rates are over the last 5 s; a beacon is forgotten after 10 s.)
-    struct Expect
-    {
-        double time;
-        const char *beacon, *proximity; ///< proximity null: the beacon is not listed
-        double ranges[6];               ///< of readingsPerSecond, lastHeard and distance
-    };
+    // Time, beacon, proximity (null: not listed), ranges of readingsPerSecond, lastHeard, distance.
+    // (12-7 comes at 0.5 s, 0.3 m from 5 to 9 s; 12-8 at 4 m from 1 to 12 s; 300-1 from 2 s at 2 m
+    // drifting to 7 m. Rates are over the last 5 s; a beacon is forgotten after 10 s.)
+    using Expect = std::tuple<double, const char*, const char*, std::array<double, 6>>;
     const Expect table[] = {
         {1, "12-7", "Near", {3, 11, 0, 0.5, 0.5, 1.5}},
         {1, "300-1", nullptr, {}},
@@ -63,18 +60,18 @@ TEST(QuorlixCommand, ScanFollowsTheDemoScenario)
         {23, "12-8", nullptr, {}},
         {27, "300-1", "Far", {2, 6, 0, 1, 4, 12}},
     };
-    for (const Expect& expect : table) {
-        SCOPED_TRACE(testing::Message() << expect.beacon << " at " << expect.time << " s");
-        const auto found = rows.find({expect.time, QString::fromLatin1(expect.beacon)});
-        ASSERT_EQ(found == rows.end(), expect.proximity == nullptr);
-        if (expect.proximity == nullptr)
+    for (const auto& [time, beacon, proximity, ranges] : table) {
+        SCOPED_TRACE(testing::Message() << beacon << " at " << time << " s");
+        const auto found = rows.find({time, QString::fromLatin1(beacon)});
+        ASSERT_EQ(found == rows.end(), proximity == nullptr);
+        if (proximity == nullptr)
             continue;
         const QJsonObject& row = found->second;
-        EXPECT_EQ(row[u"proximity"].toString(), QLatin1StringView(expect.proximity));
+        EXPECT_EQ(row[u"proximity"].toString(), QLatin1StringView(proximity));
         for (int i = 0; i < 3; ++i) {
             const char* field = std::array{"readingsPerSecond", "lastHeard", "distance"}[i];
-            EXPECT_GE(row[QLatin1StringView(field)].toDouble(), expect.ranges[2 * i]) << field;
-            EXPECT_LE(row[QLatin1StringView(field)].toDouble(), expect.ranges[2 * i + 1]) << field;
+            EXPECT_GE(row[QLatin1StringView(field)].toDouble(), ranges[2 * i]) << field;
+            EXPECT_LE(row[QLatin1StringView(field)].toDouble(), ranges[2 * i + 1]) << field;
         }
     }
 }
@@ -104,8 +101,7 @@ TEST(QuorlixCommand, RefusesWithAMessageAndAnExitCode)
         {{"watch", "9999", "--directory", directory.host()}, 1, "does not know device 9999"},
         {{"watch", "1047", "--directory", nobody}, 1, "does not answer"},
         {{"watch", "10/47", "--directory", directory.host()}, 1, "is not a device ID"},
-        {{"publish", "--broker", "127.0.0.1:1", "--directory", directory.host(), "--watch", "1047",
-          "--watch", "9999"},
+        {{"publish", "--broker", "localhost", "--watch", "9999", "--directory", directory.host()},
          1,
          "does not know device 9999"},
         {{"record", taken, "--source", demo}, 1, "exists already"},
