@@ -52,14 +52,9 @@ bool MockBlueZ::onPrivateBus()
 
 QByteArray MockBlueZ::iBeaconData(const QString& uuid, quint16 major, quint16 minor, qint8 power)
 {
-    QByteArray data("\x02\x15", 2);
-    data += QUuid::fromString(uuid).toRfc4122();
-    for (const quint16 value : {major, minor}) {
-        data += static_cast<char>(value >> 8);
-        data += static_cast<char>(value & 0xFF);
-    }
-    data += static_cast<char>(power);
-    return data;
+    const char fields[] = {char(major >> 8), char(major), char(minor >> 8), char(minor),
+                           char(power)};
+    return "\x02\x15" + QUuid::fromString(uuid).toRfc4122() + QByteArray(fields, 5);
 }
 
 void MockBlueZ::stop()
@@ -104,17 +99,6 @@ QVariant MockBlueZ::call(const QString& method, const QVariantList& arguments)
         throw std::runtime_error(
             QStringLiteral("mock %1 failed: %2").arg(method, reply.errorMessage()).toStdString());
     return reply.arguments().value(0);
-}
-
-void MockBlueZ::flood(const QStringList& devicePaths, quint32 count, quint16 company,
-                      const QByteArray& data)
-{
-    auto message = QDBusMessage::createMethodCall(
-        service, QStringLiteral("/"), QStringLiteral("org.bluez.Mock"), QStringLiteral("Flood"));
-    message.setArguments(
-        {devicePaths, QVariant::fromValue(count), QVariant::fromValue(company), data});
-    message.setAutoStartService(false);
-    QDBusConnection::systemBus().asyncCall(message, 600'000);
 }
 
 } // namespace Quorlix::Testing

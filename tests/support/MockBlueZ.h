@@ -61,9 +61,6 @@ public:
         call("AdvertiseData", device, company, data, noRssi);
     }
     void changeRssi(const QString& device, int rssi) { call("ChangeRssi", device, qint16(rssi)); }
-    /// Asks the mock to send count adverts round-robin over the devices; returns at once.
-    void flood(const QStringList& devicePaths, quint32 count, quint16 company,
-               const QByteArray& data);
 
     /// Emits one malformed signal of a kind named in SendMalformed of bluez_beacons.py, about the
     /// device at devicePath, with data as an iBeacon frame where one is needed.

@@ -5,7 +5,6 @@
 #include "quorlix/events/VeskEventManager.h"
 #include "quorlix/location/EngineLocationManager.h"
 #include "quorlix/location/SourceSelection.h"
-#include "quorlix/location/sources/IBeaconAdvert.h"
 
 #include <gtest/gtest.h>
 
@@ -38,24 +37,19 @@ TEST(BlueZEndToEnd, AdvertsOnTheBusReachAnEventManagerAsEntryRangingAndExit)
     manager->onEntry([&](const auto&) { events << u"entry"_s; });
     manager->onExit([&](const auto&) { events << u"exit"_s; });
     manager->onRange([&](const auto& device) { ranges << device; });
-    ASSERT_TRUE(Testing::runUntil(
-        [&] { return mock.discoveryLog(u"hci0"_s).contains(u"StartDiscovery"_s); }, 5000));
-
     // Device 1047, and a nearer beacon of the family that belongs to another device (12-8).
     const QString uuid = u"e1876979-75b5-43de-92cb-2bc1ad6ba999"_s;
-    const QByteArray frame1047 = MockBlueZ::iBeaconData(uuid, 12, 7, -59);
-    const QByteArray frame1048 = MockBlueZ::iBeaconData(uuid, 12, 8, -59);
-    constexpr quint16 apple = IBeaconAdvert::appleCompanyId;
-    const QString beacon1047 =
-        mock.addBeacon(u"hci0"_s, u"C0:FF:EE:10:47:00"_s, -55, apple, frame1047);
-    const QString beacon1048 =
-        mock.addBeacon(u"hci0"_s, u"C0:FF:EE:10:48:00"_s, -40, apple, frame1048);
+    const QByteArray frames[] = {MockBlueZ::iBeaconData(uuid, 12, 7, -59),
+                                 MockBlueZ::iBeaconData(uuid, 12, 8, -59)};
+    const QString beacons[] = {
+        mock.addBeacon(u"hci0"_s, u"C0:FF:EE:10:47:00"_s, -55, 0x4C, frames[0]),
+        mock.addBeacon(u"hci0"_s, u"C0:FF:EE:10:48:00"_s, -40, 0x4C, frames[1])};
     // Byte-identical adverts at a steady RSSI for three exit periods: exactly what de-duplication
     // would silence, and must not end in an exit.
     QTimer advertiser;
     QObject::connect(&advertiser, &QTimer::timeout, [&] {
-        mock.advertise(beacon1047, -55, apple, frame1047);
-        mock.advertise(beacon1048, -40, apple, frame1048);
+        mock.advertise(beacons[0], -55, 0x4C, frames[0]);
+        mock.advertise(beacons[1], -40, 0x4C, frames[1]);
     });
     advertiser.start(100);
     Testing::runFor(3 * exitPeriodMs);
