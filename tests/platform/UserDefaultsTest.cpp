@@ -23,8 +23,7 @@ namespace {
 
 struct stat statusOf(const QString& file)
 {
-    struct stat info
-    {};
+    struct stat info = {};
     EXPECT_EQ(::stat(QFile::encodeName(file).constData(), &info), 0);
     return info;
 }
@@ -125,8 +124,7 @@ TEST(UserDefaultsFaults, AFailedWriteKeepsTheOldStoreAndReturnsFalse)
         UserDefaults defaults(file);
         ASSERT_TRUE(defaults.setStringArray("Keys", {"1047", "1048"}));
 
-        struct statvfs disk
-        {};
+        struct statvfs disk = {};
         ::statvfs(root.constData(), &disk);
         const auto previousHandler = ::signal(SIGXFSZ, SIG_IGN);
         rlimit previousLimit{};

@@ -32,8 +32,6 @@ TEST(DirectoryClientDeathTest, FetchesFromTheServiceAndStopsOnFailures)
     Testing::DirectoryProcess directory;
     const QString base = "http://" + directory.host();
     EXPECT_EQ(DirectoryClient::deviceUrl("a b/c"), base + "/api/device/a b/c");
-    EXPECT_EQ(DirectoryClient::majorMinorUrl("1-2"),
-              base + "/api/device/majorminor/?major-minor=1-2");
     const QVariant record =
         DirectoryAnswer::parse(DirectoryClient::fetch(DirectoryClient::deviceUrl("1047")));
     EXPECT_EQ(DirectoryAnswer::textMember(record, "MajorMinor"), "12-7");
@@ -58,17 +56,13 @@ TEST(DirectoryClientDeathTest, FetchesFromTheServiceAndStopsOnFailures)
 
 TEST(DirectoryClient, RecognisesMalformedUrls)
 {
+    // clang-format off
     const std::pair<const char*, bool> cases[] = {
-        {"http://127.0.0.1:8080/api/device/1047", true},
-        {"http://h/api/device/majorminor/?major-minor=12-7", true},
-        {"http://h/a%2Fb", true},
-        {"http://h/a b", false},
-        {"http://h/a%2", false},
-        {"http://h/a%zz", false},
-        {"http://h/\xc3\xa4", false},
-        {"http://h/a\"b", false},
-        {"http://h/a<b>", false},
-        {"", false}};
+        {"http://127.0.0.1:8080/api/device/1047", true}, {"http://h/a%2Fb", true},
+        {"http://h/api/device/majorminor/?major-minor=12-7", true}, {"http://h/a b", false},
+        {"http://h/a%2", false}, {"http://h/a%zz", false}, {"http://h/\xc3\xa4", false},
+        {"http://h/a\"b", false}, {"http://h/a<b>", false}, {"", false}};
+    // clang-format on
     for (const auto& [url, valid] : cases)
         EXPECT_EQ(DirectoryClient::isValidUrl(QString::fromUtf8(url)), valid) << url;
 }
@@ -188,21 +182,17 @@ TEST(DirectoryFaults, BoundsComeFromTheEnvironmentAndBadValuesAreNamed)
         const char* variable;
         const char* value;
         qint64 expected; // milliseconds or bytes; -1: refused, the default stays
-    } cases[] = {
-        {"QUORLIX_DIRECTORY_TIMEOUT", "2.5", 2500},
-        {"QUORLIX_DIRECTORY_TIMEOUT", " 7 ", 7000},
+    } cases[] = {        // clang-format off
+        {"QUORLIX_DIRECTORY_TIMEOUT", "2.5", 2500}, {"QUORLIX_DIRECTORY_TIMEOUT", " 7 ", 7000},
         {"QUORLIX_DIRECTORY_CONNECT_TIMEOUT", "0.001", 1},
         {"QUORLIX_DIRECTORY_MAX_BYTES", "1048576", 1048576},
-        {"QUORLIX_DIRECTORY_TIMEOUT", "0", -1},
-        {"QUORLIX_DIRECTORY_TIMEOUT", "-5", -1},
-        {"QUORLIX_DIRECTORY_TIMEOUT", "1e3", -1},
-        {"QUORLIX_DIRECTORY_TIMEOUT", "inf", -1},
+        {"QUORLIX_DIRECTORY_TIMEOUT", "0", -1}, {"QUORLIX_DIRECTORY_TIMEOUT", "-5", -1},
+        {"QUORLIX_DIRECTORY_TIMEOUT", "1e3", -1}, {"QUORLIX_DIRECTORY_TIMEOUT", "inf", -1},
         {"QUORLIX_DIRECTORY_TIMEOUT", "99999999999", -1},
         {"QUORLIX_DIRECTORY_CONNECT_TIMEOUT", "ten", -1},
-        {"QUORLIX_DIRECTORY_MAX_BYTES", "16MiB", -1},
-        {"QUORLIX_DIRECTORY_MAX_BYTES", "0", -1},
-        {"QUORLIX_DIRECTORY_MAX_BYTES", "99999999999", -1},
-    };
+        {"QUORLIX_DIRECTORY_MAX_BYTES", "16MiB", -1}, {"QUORLIX_DIRECTORY_MAX_BYTES", "0", -1},
+        {"QUORLIX_DIRECTORY_MAX_BYTES", "99999999999", -1}};
+    // clang-format on
     static QStringList warnings;
     const QtMessageHandler previous = qInstallMessageHandler(
         [](QtMsgType, const QMessageLogContext&, const QString& text) { warnings << text; });
