@@ -27,7 +27,7 @@ namespace {
 constexpr const char* nilStop =
     "fatal error: unexpectedly found nil while unwrapping an Optional value";
 
-TEST(DirectoryClientDeathTest, FetchesFromTheServiceAndStopsOnFailures)
+TEST(DirectoryClientDeathTest, FetchesFromTheServiceAndStopsOnFailuresAndMalformedUrls)
 {
     Testing::DirectoryProcess directory;
     const QString base = "http://" + directory.host();
@@ -52,10 +52,7 @@ TEST(DirectoryClientDeathTest, FetchesFromTheServiceAndStopsOnFailures)
     EXPECT_DEATH(DirectoryClient::fetch(DirectoryClient::deviceUrl("1047")), nilStop);
     qputenv("QUORLIX_DIRECTORY_HOST", "");
     EXPECT_EQ(DirectoryClient::host(), QStringLiteral(QUORLIX_EXPECTED_DEFAULT_HOST));
-}
 
-TEST(DirectoryClient, RecognisesMalformedUrls)
-{
     // clang-format off
     const std::pair<const char*, bool> cases[] = {
         {"http://127.0.0.1:8080/api/device/1047", true}, {"http://h/a%2Fb", true},
@@ -161,10 +158,8 @@ TEST(DirectoryFaults, BadAnswersAndSlowServersStopWithTheirCause)
             QStringLiteral("127.0.0.1:%1").arg(Testing::unusedPort()).toUtf8());
     EXPECT_DEATH(DirectoryClient::fetch(DirectoryClient::deviceUrl("1047")),
                  "/api/device/1047: unreachable.*\n.*" + std::string(nilStop));
-}
 
-TEST(DirectoryFaults, AnswersNestedUpTo64LevelsAreJson)
-{
+    // Answers nested up to 64 levels are JSON.
     const auto nested = [](int depth) { return QByteArray(depth, '[') + QByteArray(depth, ']'); };
     EXPECT_EQ(DirectoryAnswer::describe(DirectoryAnswer::parse(nested(64))), nested(64));
     // Brackets in texts are not nesting, escaped quotes do not end a text.
