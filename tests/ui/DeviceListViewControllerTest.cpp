@@ -281,6 +281,11 @@ struct DesktopExit
     QString result;
 };
 
+void PrintTo(const DesktopExit& c, std::ostream* out)
+{
+    *out << c.name;
+}
+
 class DesktopPairingExit : public DesktopPairing, public testing::WithParamInterface<DesktopExit>
 {};
 
