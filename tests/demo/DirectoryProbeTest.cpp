@@ -12,9 +12,9 @@ using Quorlix::Testing::DirectoryProcess;
 using QuorlixDemo::DirectoryProbe;
 using QuorlixDemo::KeyStoreCheck;
 
-namespace {
-
-TEST(DirectoryProbe, ResolvesKnownDevicesAndExplainsTheOthers)
+// Keys the directory does not know (or that the library could not even ask for) move out of the
+// loaded entry and come back once known; an unreachable service changes nothing.
+TEST(KeyStoreCheck, SetsAsideWhatTheDirectoryDoesNotKnowAndRestoresWhatItKnowsAgain)
 {
     // The major-minor form the library can turn into a region.
     for (const char* good : {"12-7", "0-0", "65535-65535"})
@@ -26,14 +26,12 @@ TEST(DirectoryProbe, ResolvesKnownDevicesAndExplainsTheOthers)
     QTemporaryDir dir;
     QFile devices(dir.filePath("devices.json"));
     ASSERT_TRUE(devices.open(QIODevice::WriteOnly));
-    devices.write(R"([{"Key": 1047, "MajorMinor": "12-7"}, {"Key": 5, "MajorMinor": "12-x"},
-                      {"Key": 6}])");
+    devices.write(R"([{"Key": 1047, "MajorMinor": "12-7"}, {"Key": 2001, "MajorMinor": "300-1"},
+                      {"Key": 5, "MajorMinor": "12-x"}, {"Key": 6}, {"Key": 8, "MajorMinor": "bad"}])");
     devices.close();
     DirectoryProcess service(devices.fileName());
     const DirectoryProbe probe(service.host());
-    const DirectoryProbe::Answer known = probe.lookUp("1047");
-    EXPECT_TRUE(known.problem.isEmpty()) << known.problem.toStdString();
-    EXPECT_EQ(known.majorMinor, "12-7");
+    EXPECT_EQ(probe.lookUp("1047").majorMinor, "12-7");
     const std::pair<const char*, const char*> bad[] = {
         {"9999", "does not know device 9999"},
         {"5", "no usable \"MajorMinor\" in the directory (got '12-x')"},
@@ -48,30 +46,10 @@ TEST(DirectoryProbe, ResolvesKnownDevicesAndExplainsTheOthers)
     // Only the well-formed IDs reached the service.
     EXPECT_EQ(service.requests().size(), 4);
 
-    // An unreachable service is not mistaken for an unknown device.
-    const QString host = QStringLiteral("127.0.0.1:%1").arg(Quorlix::Testing::unusedPort());
-    const DirectoryProbe::Answer answer = DirectoryProbe(host).lookUp("1047");
-    EXPECT_FALSE(answer.reachable);
-    EXPECT_TRUE(answer.problem.contains("does not answer") && answer.problem.contains(host))
-        << answer.problem.toStdString();
-}
-
-// Keys the directory does not know (or that the library could not even ask for) move out of the
-// loaded entry and come back once known; an unreachable service changes nothing.
-TEST(KeyStoreCheck, SetsAsideWhatTheDirectoryDoesNotKnowAndRestoresWhatItKnowsAgain)
-{
-    QTemporaryDir dir;
-    QFile devices(dir.filePath("devices.json"));
-    ASSERT_TRUE(devices.open(QIODevice::WriteOnly));
-    devices.write(R"([{"Key": 1047, "MajorMinor": "12-7"}, {"Key": 2001, "MajorMinor": "300-1"},
-                      {"Key": 8, "MajorMinor": "bad"}])");
-    devices.close();
-    DirectoryProcess service(devices.fileName());
     Quorlix::UserDefaults store(dir.filePath("store.json"));
     ASSERT_TRUE(store.setStringArray("VeskDeviceManagerKeys", {"1047", "9999", "10/47", "8"}));
     ASSERT_TRUE(store.setStringArray("QuorlixDemoSetAsideKeys", {"2001", "5555"}));
-
-    const KeyStoreCheck::Result result = KeyStoreCheck::run(DirectoryProbe(service.host()), store);
+    const KeyStoreCheck::Result result = KeyStoreCheck::run(probe, store);
     EXPECT_TRUE(result.problem.isEmpty()) << result.problem.toStdString();
     EXPECT_EQ(store.stringArray("VeskDeviceManagerKeys"), QStringList({"1047", "8", "2001"}));
     EXPECT_EQ(store.stringArray("QuorlixDemoSetAsideKeys"), QStringList({"9999", "10/47", "5555"}));
@@ -80,10 +58,13 @@ TEST(KeyStoreCheck, SetsAsideWhatTheDirectoryDoesNotKnowAndRestoresWhatItKnowsAg
     EXPECT_TRUE(result.notes[1].contains("'10/47' is not a device ID"));
     EXPECT_EQ(result.notes[2], "restored stored key 2001: the directory knows it again");
 
+    // An unreachable service is not mistaken for an unknown device, and changes nothing.
     const QString host = QStringLiteral("127.0.0.1:%1").arg(Quorlix::Testing::unusedPort());
+    const DirectoryProbe::Answer answer = DirectoryProbe(host).lookUp("1047");
+    EXPECT_TRUE(!answer.reachable && answer.problem.contains("does not answer") &&
+                answer.problem.contains(host))
+        << answer.problem.toStdString();
     const KeyStoreCheck::Result unreachable = KeyStoreCheck::run(DirectoryProbe(host), store);
     EXPECT_TRUE(unreachable.problem.contains("does not answer"));
     EXPECT_EQ(store.stringArray("VeskDeviceManagerKeys"), QStringList({"1047", "8", "2001"}));
 }
-
-} // namespace

@@ -5,8 +5,6 @@
 
 using namespace Quorlix;
 
-namespace {
-
 TEST(BeaconFamily, RegionsMatchByUuidAndTheNumbersTheyName)
 {
     EXPECT_EQ(BeaconFamily::majorMinorText(1200, 65535), "1200-65535");
@@ -16,13 +14,8 @@ TEST(BeaconFamily, RegionsMatchByUuidAndTheNumbersTheyName)
     const BeaconRegion all{family, std::nullopt, std::nullopt, "VeskDevice"};
     const BeaconRegion one{family, 12, 7, "VeskDevice"};
     const BeaconRegion majorOnly{family, 12, std::nullopt, "VeskDevice"};
-    EXPECT_TRUE(all.matches(family, 1, 2));
-    EXPECT_FALSE(all.matches(QUuid::createUuid(), 1, 2));
-    EXPECT_TRUE(one.matches(family, 12, 7));
-    EXPECT_FALSE(one.matches(family, 12, 8));
-    EXPECT_FALSE(one.matches(family, 7, 12));
-    EXPECT_TRUE(majorOnly.matches(family, 12, 999));
-    EXPECT_FALSE(majorOnly.matches(family, 13, 7));
+    EXPECT_TRUE(all.matches(family, 1, 2) && one.matches(family, 12, 7) &&
+                majorOnly.matches(family, 12, 999));
+    EXPECT_FALSE(all.matches(QUuid::createUuid(), 1, 2) || one.matches(family, 12, 8) ||
+                 one.matches(family, 7, 12) || majorOnly.matches(family, 13, 7));
 }
-
-} // namespace

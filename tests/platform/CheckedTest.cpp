@@ -15,12 +15,10 @@ constexpr std::int64_t int64Min = std::numeric_limits<std::int64_t>::min();
 
 TEST(Checked, ParseInt64AcceptsOnlyASignAndAsciiDigitsThatFit)
 {
-    const std::pair<const char16_t*, std::int64_t> numbers[] = {
-        {u"007", 7},
-        {u"+5", 5},
-        {u"-5", -5},
-        {u"9223372036854775807", int64Max},
-        {u"-9223372036854775808", int64Min}};
+    // clang-format off
+    const std::pair<const char16_t*, std::int64_t> numbers[] = {{u"007", 7}, {u"+5", 5}, {u"-5", -5},
+        {u"9223372036854775807", int64Max}, {u"-9223372036854775808", int64Min}};
+    // clang-format on
     for (const auto& [text, value] : numbers)
         EXPECT_EQ(Checked::parseInt64(QStringView(text)), value) << value;
     for (const char16_t* text :
@@ -37,20 +35,19 @@ TEST(CheckedDeathTest, ConversionsKeepTheWholeRangeAndStopOutsideIt)
     EXPECT_EQ(Checked::toInt64(-2.9), -2);
     const std::string prefix =
         "fatal error: floating point value can not be converted to Int64 because it is ";
-    EXPECT_DEATH(Checked::toInt64(std::numeric_limits<double>::quiet_NaN()),
-                 prefix + "either infinite or NaN");
-    EXPECT_DEATH(Checked::toInt64(-std::numeric_limits<double>::infinity()),
-                 prefix + "either infinite or NaN");
+    for (const double notANumber :
+         {std::numeric_limits<double>::quiet_NaN(), -std::numeric_limits<double>::infinity()})
+        EXPECT_DEATH(Checked::toInt64(notANumber), prefix + "either infinite or NaN");
     EXPECT_DEATH(Checked::toInt64(9223372036854775808.0), prefix + "greater than Int64.max");
     EXPECT_DEATH(Checked::toInt64(-9223372036854777856.0), prefix + "less than Int64.min");
 
     // Overflow and narrowing stop without a message.
     EXPECT_EQ(Checked::multiply(-9223372036, 1000000000), -9223372036000000000);
-    EXPECT_DEATH(Checked::multiply(9223372037, 1000000000), "^$");
-    EXPECT_DEATH(Checked::multiply(-9223372037, 1000000000), "^$");
     EXPECT_EQ(Checked::toUInt16(65535), 65535);
-    EXPECT_DEATH(Checked::toUInt16(65536), "^$");
-    EXPECT_DEATH(Checked::toUInt16(-1), "^$");
+    for (const std::int64_t factor : {9223372037, -9223372037})
+        EXPECT_DEATH(Checked::multiply(factor, 1000000000), "^$");
+    for (const int value : {65536, -1})
+        EXPECT_DEATH(Checked::toUInt16(value), "^$");
 }
 
 } // namespace

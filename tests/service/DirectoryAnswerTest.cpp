@@ -12,24 +12,14 @@ namespace {
 // What a reader makes of an answer: a text, or a stop whose message matches a pattern.
 struct Outcome
 {
-    const char* text = nullptr;
-    const char* stop = nullptr;
+    const char *text, *stop;
 };
-
-Outcome text(const char* value)
-{
-    return {value, nullptr};
-}
-
-Outcome stops(const char* pattern)
-{
-    return {nullptr, pattern};
-}
-
 constexpr const char* indexStop = "fatal error: Index out of range";
 constexpr const char* unknownKeyStop = "not key value coding-compliant for the key";
 TEST(DirectoryAnswerDeathTest, ReadersFollowTheLookupRules)
 {
+    const auto text = [](const char* value) { return Outcome{value, nullptr}; };
+    const auto stops = [](const char* pattern) { return Outcome{nullptr, pattern}; };
     // MajorMinor = textMember(answer, "MajorMinor"); key = deviceKey(answer), which logs a line.
     const struct
     {

@@ -27,13 +27,11 @@ namespace {
 constexpr const char* nilStop =
     "fatal error: unexpectedly found nil while unwrapping an Optional value";
 
-TEST(DirectoryClientDeathTest, FetchesFromTheServiceAndStopsOnFailures)
+TEST(DirectoryClientDeathTest, FetchesFromTheServiceAndStopsOnFailuresAndMalformedUrls)
 {
     Testing::DirectoryProcess directory;
     const QString base = "http://" + directory.host();
     EXPECT_EQ(DirectoryClient::deviceUrl("a b/c"), base + "/api/device/a b/c");
-    EXPECT_EQ(DirectoryClient::majorMinorUrl("1-2"),
-              base + "/api/device/majorminor/?major-minor=1-2");
     const QVariant record =
         DirectoryAnswer::parse(DirectoryClient::fetch(DirectoryClient::deviceUrl("1047")));
     EXPECT_EQ(DirectoryAnswer::textMember(record, "MajorMinor"), "12-7");
@@ -54,21 +52,14 @@ TEST(DirectoryClientDeathTest, FetchesFromTheServiceAndStopsOnFailures)
     EXPECT_DEATH(DirectoryClient::fetch(DirectoryClient::deviceUrl("1047")), nilStop);
     qputenv("QUORLIX_DIRECTORY_HOST", "");
     EXPECT_EQ(DirectoryClient::host(), QStringLiteral(QUORLIX_EXPECTED_DEFAULT_HOST));
-}
 
-TEST(DirectoryClient, RecognisesMalformedUrls)
-{
+    // clang-format off
     const std::pair<const char*, bool> cases[] = {
-        {"http://127.0.0.1:8080/api/device/1047", true},
-        {"http://h/api/device/majorminor/?major-minor=12-7", true},
-        {"http://h/a%2Fb", true},
-        {"http://h/a b", false},
-        {"http://h/a%2", false},
-        {"http://h/a%zz", false},
-        {"http://h/\xc3\xa4", false},
-        {"http://h/a\"b", false},
-        {"http://h/a<b>", false},
-        {"", false}};
+        {"http://127.0.0.1:8080/api/device/1047", true}, {"http://h/a%2Fb", true},
+        {"http://h/api/device/majorminor/?major-minor=12-7", true}, {"http://h/a b", false},
+        {"http://h/a%2", false}, {"http://h/a%zz", false}, {"http://h/\xc3\xa4", false},
+        {"http://h/a\"b", false}, {"http://h/a<b>", false}, {"", false}};
+    // clang-format on
     for (const auto& [url, valid] : cases)
         EXPECT_EQ(DirectoryClient::isValidUrl(QString::fromUtf8(url)), valid) << url;
 }
@@ -167,10 +158,8 @@ TEST(DirectoryFaults, BadAnswersAndSlowServersStopWithTheirCause)
             QStringLiteral("127.0.0.1:%1").arg(Testing::unusedPort()).toUtf8());
     EXPECT_DEATH(DirectoryClient::fetch(DirectoryClient::deviceUrl("1047")),
                  "/api/device/1047: unreachable.*\n.*" + std::string(nilStop));
-}
 
-TEST(DirectoryFaults, AnswersNestedUpTo64LevelsAreJson)
-{
+    // Answers nested up to 64 levels are JSON.
     const auto nested = [](int depth) { return QByteArray(depth, '[') + QByteArray(depth, ']'); };
     EXPECT_EQ(DirectoryAnswer::describe(DirectoryAnswer::parse(nested(64))), nested(64));
     // Brackets in texts are not nesting, escaped quotes do not end a text.
@@ -188,21 +177,17 @@ TEST(DirectoryFaults, BoundsComeFromTheEnvironmentAndBadValuesAreNamed)
         const char* variable;
         const char* value;
         qint64 expected; // milliseconds or bytes; -1: refused, the default stays
-    } cases[] = {
-        {"QUORLIX_DIRECTORY_TIMEOUT", "2.5", 2500},
-        {"QUORLIX_DIRECTORY_TIMEOUT", " 7 ", 7000},
+    } cases[] = {        // clang-format off
+        {"QUORLIX_DIRECTORY_TIMEOUT", "2.5", 2500}, {"QUORLIX_DIRECTORY_TIMEOUT", " 7 ", 7000},
         {"QUORLIX_DIRECTORY_CONNECT_TIMEOUT", "0.001", 1},
         {"QUORLIX_DIRECTORY_MAX_BYTES", "1048576", 1048576},
-        {"QUORLIX_DIRECTORY_TIMEOUT", "0", -1},
-        {"QUORLIX_DIRECTORY_TIMEOUT", "-5", -1},
-        {"QUORLIX_DIRECTORY_TIMEOUT", "1e3", -1},
-        {"QUORLIX_DIRECTORY_TIMEOUT", "inf", -1},
+        {"QUORLIX_DIRECTORY_TIMEOUT", "0", -1}, {"QUORLIX_DIRECTORY_TIMEOUT", "-5", -1},
+        {"QUORLIX_DIRECTORY_TIMEOUT", "1e3", -1}, {"QUORLIX_DIRECTORY_TIMEOUT", "inf", -1},
         {"QUORLIX_DIRECTORY_TIMEOUT", "99999999999", -1},
         {"QUORLIX_DIRECTORY_CONNECT_TIMEOUT", "ten", -1},
-        {"QUORLIX_DIRECTORY_MAX_BYTES", "16MiB", -1},
-        {"QUORLIX_DIRECTORY_MAX_BYTES", "0", -1},
-        {"QUORLIX_DIRECTORY_MAX_BYTES", "99999999999", -1},
-    };
+        {"QUORLIX_DIRECTORY_MAX_BYTES", "16MiB", -1}, {"QUORLIX_DIRECTORY_MAX_BYTES", "0", -1},
+        {"QUORLIX_DIRECTORY_MAX_BYTES", "99999999999", -1}};
+    // clang-format on
     static QStringList warnings;
     const QtMessageHandler previous = qInstallMessageHandler(
         [](QtMsgType, const QMessageLogContext&, const QString& text) { warnings << text; });

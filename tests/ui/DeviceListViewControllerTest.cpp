@@ -20,9 +20,7 @@
 #include <gtest/gtest.h>
 
 using namespace Quorlix;
-using Quorlix::Testing::describe;
-using Quorlix::Testing::RecordingLocationManager;
-using Quorlix::Testing::StdoutCapture;
+using namespace Quorlix::Testing;
 
 namespace {
 
@@ -57,7 +55,7 @@ void click(DeviceListViewController& screen, int row) // -1: the Cancel button
 
 } // namespace
 
-TEST(DeviceListViewController, BuildsItsFixedLayoutOnceWhenFirstShown)
+TEST(DeviceListViewController, BuildsItsFixedLayoutOnceAndRowsFollowItemsAtEachReload)
 {
     CountingScreen screen;
     EXPECT_EQ(screen.table, nullptr);
@@ -69,92 +67,57 @@ TEST(DeviceListViewController, BuildsItsFixedLayoutOnceWhenFirstShown)
     ASSERT_NE(screen.table, nullptr);
     const auto* label = screen.findChild<QLabel*>();
     const auto* button = screen.findChild<QPushButton*>();
-    EXPECT_EQ(label->geometry(), QRect(10, 20, 200, 21));
-    EXPECT_EQ(label->text(), "List of Nearby Devices");
+    EXPECT_EQ(std::pair(label->geometry(), label->text()),
+              std::pair(QRect(10, 20, 200, 21), QString("List of Nearby Devices")));
     EXPECT_EQ(label->alignment(), Qt::AlignCenter);
-    EXPECT_EQ(button->geometry(), QRect(200, 20, 100, 50));
-    EXPECT_EQ(button->text(), "Cancel");
+    EXPECT_EQ(std::pair(button->geometry(), button->text()),
+              std::pair(QRect(200, 20, 100, 50), QString("Cancel")));
     EXPECT_EQ(screen.table->geometry(), QRect(0, 120, 300, 300));
-}
 
-TEST(DeviceListViewController, RowsFollowItemsAtEachReload)
-{
-    DeviceListViewController screen;
-    screen.show();
-    screen.items << "1047"
-                 << "2002"
-                 << "3100";
+    screen.items = {"1047", "2002", "3100"};
     screen.table->reloadData();
     ASSERT_EQ(screen.table->model()->rowCount(), 3);
     EXPECT_EQ(screen.table->model()->index(2, 0).data(), "3100");
-
     const QImage image = screen.grab().toImage();
     ASSERT_TRUE(image.save(QUORLIX_TEST_OUTPUT_DIR "/pairing-screen.png"));
     // Between the title row and the table only the background shows.
     EXPECT_EQ(image.pixelColor(5, 100), QColor(Qt::white));
 }
 
-struct ExitCase
+// Modal to the host window but owned only by its shared_ptr: it outlives the host.
+TEST(DeviceListViewController, ReportsAClickToTheDelegateThenCloses)
 {
-    const char* name;
-    int row;
-    bool withDelegate;
-    QStringList heard;
-    QStringList log;
-};
-
-void PrintTo(const ExitCase& c, std::ostream* out)
-{
-    *out << c.name;
-}
-
-class DeviceListExit : public testing::TestWithParam<ExitCase>
-{};
-
-TEST_P(DeviceListExit, ReportsToTheDelegateThenCloses)
-{
-    const ExitCase& c = GetParam();
-    QWidget host;
-    host.show();
-    auto delegate = std::make_shared<LoggingDelegate>();
-    auto screen = std::make_shared<DeviceListViewController>();
-    screen->items << "1047"
-                  << "1048"
-                  << "2002";
-    if (c.withDelegate)
-        screen->delegate = delegate;
-    screen->present(&host);
-
-    StdoutCapture capture;
-    click(*screen, c.row);
-    EXPECT_EQ(capture.lines(), c.log);
-    EXPECT_EQ(delegate->heard, c.heard);
-    EXPECT_FALSE(screen->isVisible());
-    EXPECT_TRUE(host.isVisible());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Clicks, DeviceListExit,
-    testing::Values(ExitCase{"ThirdRow", 2, true, {"2002"}, {"delegate heard 2002"}},
-                    ExitCase{"RowWithoutDelegate", 1, false, {}, {}},
-                    ExitCase{"Cancel", -1, true, {""}, {"delegate heard ", "canceling"}},
-                    ExitCase{"CancelWithoutDelegate", -1, false, {}, {"canceling"}}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST(DeviceListViewController, IsModalToTheHostWindowButOwnedOnlyByItsSharedPtr)
-{
-    auto host = std::make_unique<QWidget>();
-    host->show();
-    auto screen = std::make_shared<DeviceListViewController>();
-    screen->present(host.get());
-    EXPECT_EQ(screen->parent(), nullptr);
-    EXPECT_EQ(screen->windowModality(), Qt::WindowModal);
-    EXPECT_EQ(screen->windowHandle()->transientParent(), host->windowHandle());
-
-    host.reset();
-    StdoutCapture capture;
-    click(*screen, -1);
-    EXPECT_EQ(capture.lines(), QStringList({"canceling"}));
+    const struct
+    {
+        int row; // -1: Cancel
+        bool withDelegate;
+        QStringList heard, log;
+    } cases[] = {{2, true, {"2002"}, {"delegate heard 2002"}},
+                 {1, false, {}, {}},
+                 {-1, true, {""}, {"delegate heard ", "canceling"}},
+                 {-1, false, {}, {"canceling"}}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.row);
+        auto host = std::make_unique<QWidget>();
+        host->show();
+        auto delegate = std::make_shared<LoggingDelegate>();
+        auto screen = std::make_shared<DeviceListViewController>();
+        screen->items = {"1047", "1048", "2002"};
+        if (c.withDelegate)
+            screen->delegate = delegate;
+        screen->present(host.get());
+        EXPECT_EQ(screen->parent(), nullptr);
+        EXPECT_EQ(screen->windowModality(), Qt::WindowModal);
+        EXPECT_EQ(screen->windowHandle()->transientParent(), host->windowHandle());
+        if (!c.withDelegate)
+            host.reset();
+        StdoutCapture capture;
+        click(*screen, c.row);
+        EXPECT_EQ(capture.lines(), c.log);
+        EXPECT_EQ(delegate->heard, c.heard);
+        EXPECT_FALSE(screen->isVisible());
+        EXPECT_TRUE(!host || host->isVisible());
+    }
 }
 
 // Drops the last other reference to the screen when told, as a host forgetting it may.
@@ -282,9 +245,7 @@ protected:
                            QList<WId>{screen.winId()};
             },
             20000));
-        screen.items << "1047"
-                     << "1048"
-                     << "2002";
+        screen.items = {"1047", "1048", "2002"};
         screen.table->reloadData();
         return screen;
     }
