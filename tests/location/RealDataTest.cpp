@@ -38,19 +38,13 @@ std::vector<Trace> excerpt()
     return traces;
 }
 
-struct Report
-{
-    std::int64_t timeNs;
-    Beacon beacon;
-};
-
 struct Recorder : LocationManagerDelegate
 {
     VirtualClock* clock = nullptr;
-    std::vector<Report> reports;
+    std::vector<std::pair<std::int64_t, Beacon>> reports; // time in ns, the first beacon
     void didRangeBeacons(LocationManager*, const QList<Beacon>& beacons, BeaconRegion*) override
     {
-        reports.push_back({clock->nowNs(), beacons.isEmpty() ? Beacon{} : beacons.first()});
+        reports.emplace_back(clock->nowNs(), beacons.value(0));
     }
 };
 
@@ -85,17 +79,17 @@ Quality measure(const LocationSettings& settings, int shiftDb, int keepEvery)
         }
         const Proximity truth = trace.distanceM < 3 ? Proximity::Near : Proximity::Far;
         std::optional<Proximity> previous;
-        for (const Report& r : recorder.reports) {
-            if (r.timeNs < ns(trace.readings.front().first) ||
-                r.timeNs > ns(trace.readings.back().first))
+        for (const auto& [timeNs, beacon] : recorder.reports) {
+            if (timeNs < ns(trace.readings.front().first) ||
+                timeNs > ns(trace.readings.back().first))
                 continue;
             ++reports;
-            correct += r.beacon.proximity == truth;
-            unknown += r.beacon.proximity == Proximity::Unknown;
-            changes += previous && *previous != r.beacon.proximity;
-            previous = r.beacon.proximity;
-            if (trace.distanceM < 3 && r.beacon.accuracy >= 0)
-                nearErrors.push_back(std::abs(r.beacon.accuracy - trace.distanceM));
+            correct += beacon.proximity == truth;
+            unknown += beacon.proximity == Proximity::Unknown;
+            changes += previous && *previous != beacon.proximity;
+            previous = beacon.proximity;
+            if (trace.distanceM < 3 && beacon.accuracy >= 0)
+                nearErrors.push_back(std::abs(beacon.accuracy - trace.distanceM));
         }
         minutes += (trace.readings.back().first - trace.readings.front().first) / 60;
     }
