@@ -76,26 +76,5 @@ TEST(ProximityFilter, AverageFollowsTimeNotReadingCount)
     EXPECT_GT(fast.smoothedRssi(), -67.5);
 }
 
-TEST(ProximityFilter, OneOutlierDoesNotMoveTheWord)
-{
-    ProximityFilter filter;
-    std::int64_t t = 0;
-    settle(filter, t, -66, 10); // Near, 2.5 dB inside the Far limit
-    filter.addReading(t += tenthNs, -95);
-    EXPECT_EQ(filter.update(power), Proximity::Near);
-    EXPECT_NEAR(filter.distance(power), 2.4, 0.3);
-}
-
-TEST(ProximityFilter, DistanceInvertsThePathLossModel)
-{
-    for (const double metres : {0.1, 1.0, 2.5, 30.0})
-        for (const int measured : {-59, -75, 0})
-            EXPECT_NEAR(
-                ProximityFilter::distanceFor(ProximityFilter::rssiAt(metres, measured), measured),
-                metres, 1e-9);
-    // An uncalibrated beacon (measured power 0) is taken as a typical one.
-    EXPECT_NEAR(ProximityFilter::distanceFor(-59, 0), 1.0, 1e-9);
-}
-
 } // namespace
 } // namespace Quorlix
