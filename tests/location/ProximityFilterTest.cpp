@@ -25,12 +25,7 @@ TEST(ProximityFilter, BandsChangeOnlyPastTheMargin)
 {
     // With measured power -59 and exponent 2, the limits lie at -53.0 dBm (0.5 m) and -68.5 dBm
     // (3 m); the margin is 2.5 dB.
-    const struct
-    {
-        int from;
-        int to;
-        Proximity expected;
-    } cases[] = {
+    const std::tuple<int, int, Proximity> cases[] = {
         {-60, -69, Proximity::Near},      // just past the Near/Far limit: stays
         {-60, -70, Proximity::Near},      // 1.5 dB past: stays
         {-60, -72, Proximity::Far},       // 3.5 dB past: moves
@@ -43,29 +38,23 @@ TEST(ProximityFilter, BandsChangeOnlyPastTheMargin)
         {-50, -80, Proximity::Far},       // two bands at once
         {-80, -45, Proximity::Immediate},
     };
-    for (const auto& c : cases) {
+    for (const auto& [from, to, expected] : cases) {
         ProximityFilter filter;
         std::int64_t t = 0;
-        settle(filter, t, c.from, 20);
-        EXPECT_EQ(settle(filter, t, c.to, 30), c.expected) << c.from << " -> " << c.to;
+        settle(filter, t, from, 20);
+        EXPECT_EQ(settle(filter, t, to, 30), expected) << from << " -> " << to;
     }
 }
 
 TEST(ProximityFilter, FirstWordHasNoHysteresis)
 {
-    const struct
-    {
-        int rssi;
-        Proximity expected;
-    } cases[] = {{-52, Proximity::Immediate},
-                 {-54, Proximity::Near},
-                 {-68, Proximity::Near},
-                 {-69, Proximity::Far}};
-    for (const auto& c : cases) {
+    using P = Proximity;
+    for (const auto& [rssi, expected] :
+         {std::pair{-52, P::Immediate}, {-54, P::Near}, {-68, P::Near}, {-69, P::Far}}) {
         ProximityFilter filter;
         EXPECT_EQ(filter.update(power), Proximity::Unknown);
-        filter.addReading(0, c.rssi);
-        EXPECT_EQ(filter.update(power), c.expected) << c.rssi;
+        filter.addReading(0, rssi);
+        EXPECT_EQ(filter.update(power), expected) << rssi;
     }
 }
 
@@ -85,27 +74,6 @@ TEST(ProximityFilter, AverageFollowsTimeNotReadingCount)
     // And after one time constant a bit more than half the step is done.
     EXPECT_LT(fast.smoothedRssi(), -65.5);
     EXPECT_GT(fast.smoothedRssi(), -67.5);
-}
-
-TEST(ProximityFilter, OneOutlierDoesNotMoveTheWord)
-{
-    ProximityFilter filter;
-    std::int64_t t = 0;
-    settle(filter, t, -66, 10); // Near, 2.5 dB inside the Far limit
-    filter.addReading(t += tenthNs, -95);
-    EXPECT_EQ(filter.update(power), Proximity::Near);
-    EXPECT_NEAR(filter.distance(power), 2.4, 0.3);
-}
-
-TEST(ProximityFilter, DistanceInvertsThePathLossModel)
-{
-    for (const double metres : {0.1, 1.0, 2.5, 30.0})
-        for (const int measured : {-59, -75, 0})
-            EXPECT_NEAR(
-                ProximityFilter::distanceFor(ProximityFilter::rssiAt(metres, measured), measured),
-                metres, 1e-9);
-    // An uncalibrated beacon (measured power 0) is taken as a typical one.
-    EXPECT_NEAR(ProximityFilter::distanceFor(-59, 0), 1.0, 1e-9);
 }
 
 } // namespace
