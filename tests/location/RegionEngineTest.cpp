@@ -6,6 +6,8 @@
 #include <QSet>
 #include <QStringList>
 
+#include <tuple>
+
 namespace Quorlix {
 namespace {
 
@@ -173,10 +175,8 @@ TEST_F(EngineTest, ReportListsNearestFirstWithTheLastSecondsMeanRssi)
     // is the plain mean of the last second (-62.33).
     EXPECT_EQ((QList<int>{b[0].minor, b[1].minor, b[2].minor, b[2].rssi}),
               (QList<int>{2, 3, 1, -62}));
-    EXPECT_EQ(b[0].proximity, Proximity::Immediate);
-    EXPECT_EQ(b[1].proximity, Proximity::Far);
-    EXPECT_LT(b[0].accuracy, b[1].accuracy);
-    EXPECT_LT(b[1].accuracy, b[2].accuracy);
+    EXPECT_TRUE(b[0].proximity == Proximity::Immediate && b[1].proximity == Proximity::Far);
+    EXPECT_TRUE(b[0].accuracy < b[1].accuracy && b[1].accuracy < b[2].accuracy);
 }
 
 // A beacon heard at its own pace keeps its word and rssi; once quiet for several of its own
@@ -184,22 +184,18 @@ TEST_F(EngineTest, ReportListsNearestFirstWithTheLastSecondsMeanRssi)
 // least 5 s) it is gone. Times in s: the last reading, at 60 s, counts in the report at 61 s.
 TEST_F(EngineTest, QuietBeaconIsUnknownAfterSeveralOwnIntervalsThenForgotten)
 {
-    const struct
-    {
-        std::int64_t periodMs;
-        double quietIntervals;
-        std::int64_t unknownAtS, goneAtS;
-    } cases[] = {
+    // Advert period (ms), quiet intervals, Unknown from and gone from (s).
+    const std::tuple<std::int64_t, double, std::int64_t, std::int64_t> cases[] = {
         {100, 6, 62, 66},   // 10 Hz: as before
         {500, 6, 63, 67},   // 3 s quiet, 6 s window
         {2000, 6, 72, 85},  // 12 s, 24 s
         {5000, 6, 90, 121}, // capped at 30 s
         {500, 0, 62, 66},   // the rule before: Unknown after any second without a reading
     };
-    for (const auto& c : cases) {
-        fresh(RegionEngine::Tuning{c.quietIntervals, 30 * s});
+    for (const auto& [periodMs, quietIntervals, unknownAtS, goneAtS] : cases) {
+        fresh(RegionEngine::Tuning{quietIntervals, 30 * s});
         engine->startRanging(region("A"));
-        for (std::int64_t t = c.periodMs * ms; t <= 60 * s; t += c.periodMs * ms) {
+        for (std::int64_t t = periodMs * ms; t <= 60 * s; t += periodMs * ms) {
             clock->advanceTo(t);
             see(1, 1, t % (2 * s) < s ? -70 : -72);
         }
@@ -216,12 +212,12 @@ TEST_F(EngineTest, QuietBeaconIsUnknownAfterSeveralOwnIntervalsThenForgotten)
         };
         for (const auto& [timeNs, beacons] : reports) {
             const std::int64_t t = timeNs / s;
-            if (t * 1000 <= c.periodMs)
+            if (t * 1000 <= periodMs)
                 continue; // not heard yet
-            EXPECT_STREQ(state(beacons), t >= c.goneAtS      ? "gone"
-                                         : t >= c.unknownAtS ? "unknown"
-                                                             : "heard")
-                << c.periodMs << " ms, " << c.quietIntervals << " @" << t;
+            EXPECT_STREQ(state(beacons), t >= goneAtS      ? "gone"
+                                         : t >= unknownAtS ? "unknown"
+                                                           : "heard")
+                << periodMs << " ms, " << quietIntervals << " @" << t;
         }
     }
 }
@@ -233,14 +229,7 @@ TEST_F(EngineTest, CalibrationChangesDistanceAndWordAtOnce)
 {
     using S = LocationSettings;
     using P = Proximity;
-    const struct
-    {
-        const char* what;
-        void (*change)(S&);
-        int rssi;
-        double distanceM;
-        Proximity word;
-    } cases[] = {
+    const std::tuple<const char*, void (*)(S&), int, double, Proximity> cases[] = {
         {"beacon's power", [](S& s) { s.measuredPower.insert(beacon11, -65); }, -65, 1, P::Near},
         {"other's power", [](S& s) { s.measuredPower.insert(beacon12, -40); }, -65, 1.995, P::Near},
         {"offset", [](S& s) { s.rssiOffset.insert("00:1a:7d:da:71:13", 6); }, -59, 1, P::Near},
@@ -249,19 +238,19 @@ TEST_F(EngineTest, CalibrationChangesDistanceAndWordAtOnce)
         {"near limit 1.5 m", [](S& s) { s.nearLimitM = 1.5; }, -65, 1.995, P::Far},
         {"immediate limit 2.9 m", [](S& s) { s.immediateLimitM = 2.9; }, -65, 1.995, P::Immediate},
     };
-    for (const auto& c : cases) {
+    for (const auto& [what, change, rssi, distanceM, word] : cases) {
         fresh();
         engine->startRanging(region("A"));
         see(1, 1, -100); // far at first: the word must move past the hysteresis to its band
         clock->advanceTo(1 * s);
         S settings;
-        c.change(settings);
+        change(settings);
         engine->applySettings(settings);
         seeEvery(100 * ms, 30 * s, 1, 1, -65);
         const Beacon& b = reports.back().second.value(0);
-        EXPECT_NEAR(b.accuracy, c.distanceM, 0.01) << c.what;
-        EXPECT_EQ(b.rssi, c.rssi) << c.what;
-        EXPECT_EQ(b.proximity, c.word) << c.what;
+        EXPECT_NEAR(b.accuracy, distanceM, 0.01) << what;
+        EXPECT_EQ(b.rssi, rssi) << what;
+        EXPECT_EQ(b.proximity, word) << what;
     }
 }
 
@@ -301,8 +290,7 @@ TEST_F(EngineTest, ScanningIsWantedWhileAnyRegionIsWatched)
 
 TEST_F(EngineTest, HandlersMayStopRegionsOrDestroyTheEngine)
 {
-    const auto a = region("A");
-    const auto b = region("B");
+    const auto a = region("A"), b = region("B");
     for (const auto& r : {a, b}) {
         engine->startRanging(r);
         engine->startMonitoring(r);

@@ -18,9 +18,7 @@ using namespace Qt::StringLiterals;
 
 const QString familyUuid = u"e1876979-75b5-43de-92cb-2bc1ad6ba999"_s;
 const QString filterLine = u"SetDiscoveryFilter DuplicateData=1 RSSI=-127 Transport=le"_s;
-const QString start = u"StartDiscovery"_s;
-const QString stop = u"StopDiscovery"_s;
-const QString hci0 = u"hci0"_s;
+const QString start = u"StartDiscovery"_s, stop = u"StopDiscovery"_s, hci0 = u"hci0"_s;
 constexpr quint16 apple = IBeaconAdvert::appleCompanyId;
 
 // Messages of the source's logging category.
@@ -69,9 +67,9 @@ protected:
         return false;
     }
 
-    bool waitForSightings(qsizetype count)
+    bool waitForSightings(qsizetype n)
     {
-        return Testing::runUntil([&] { return sightings.size() >= count; }, 5000);
+        return Testing::runUntil([&] { return sightings.size() >= n; }, 5000);
     }
 
     std::unique_ptr<BlueZSource> scanningSource()
@@ -167,7 +165,7 @@ TEST_F(BlueZSourceTest, DiscoveryRunsExactlyWhileScanningIsWantedAndOnlyFreshRss
     mock.addAdapter(hci0);
     const QString beacon = mock.addBeacon(hci0, u"C0:FF:EE:00:00:04"_s, -60, apple, frame(1200, 7));
     const auto source = makeSource(true);
-    source->setScanning(true);
+    source->setScanning(true); // wanted twice: still one discovery session
     ASSERT_TRUE(waitForLog(hci0, {filterLine, start}));
     // An RSSI is a reading only when it came with this signal or an earlier one of this scan: the
     // old reading of a device known before the start, or one bluetoothd invalidated, is never
@@ -203,22 +201,21 @@ TEST_F(BlueZSourceTest, RestartsDiscoveryPeriodicallyAndRetriesARefusedStart)
     mock.addAdapter(hci0);
     mock.refuseStarts(hci0, 1);
     const auto source = makeSource(true, 150ms);
+    const auto log = [&] { return mock.discoveryLog(hci0); };
     // A refused start is retried without stopping a session it never had.
     const QStringList cycles{filterLine, start, filterLine, start,     stop,
                              filterLine, start, stop,       filterLine};
-    ASSERT_TRUE(
-        Testing::runUntil([&] { return mock.discoveryLog(hci0).size() >= cycles.size(); }, 5000));
-    EXPECT_EQ(mock.discoveryLog(hci0).mid(0, cycles.size()), cycles);
+    ASSERT_TRUE(Testing::runUntil([&] { return log().size() >= cycles.size(); }, 5000));
+    EXPECT_EQ(log().mid(0, cycles.size()), cycles);
     EXPECT_TRUE(logged(u"cannot start discovery"_s));
     mock.addBeacon(hci0, u"C0:FF:EE:00:00:09"_s, -60, apple, frame(2001, 1));
     EXPECT_TRUE(waitForSightings(1));
 
     source->setScanning(false);
-    ASSERT_TRUE(
-        Testing::runUntil([&] { return mock.discoveryLog(hci0).constLast() == stop; }, 5000));
-    const qsizetype calls = mock.discoveryLog(hci0).size();
+    ASSERT_TRUE(Testing::runUntil([&] { return log().constLast() == stop; }, 5000));
+    const qsizetype calls = log().size();
     Testing::runFor(400);
-    EXPECT_EQ(mock.discoveryLog(hci0).size(), calls) << "restarted while scanning was not wanted";
+    EXPECT_EQ(log().size(), calls) << "restarted while scanning was not wanted";
 }
 
 // Scanning is wanted while nothing usable is there, from the start or from the middle of a scan;
