@@ -33,8 +33,8 @@ TEST(VeskEventManagerDeathTest, ResolvesTheDeviceWatchesItsRegionAndStopsWhereIt
     EXPECT_EQ(directory.requests(), QStringList{"GET /api/device/1047 -> 200"});
     const auto location = locations.last;
     ASSERT_EQ(manager->locationManager, location);
-    EXPECT_EQ(location->delegate, manager.get());
-    EXPECT_FALSE(location->pausesLocationUpdatesAutomatically);
+    EXPECT_TRUE(location->delegate == manager.get() &&
+                !location->pausesLocationUpdatesAutomatically);
     EXPECT_EQ(location->calls,
               (QStringList{"startMonitoring " + region + " 12 7",
                            "startRangingBeacons " + region + " 12 7", "startUpdatingLocation"}));
@@ -44,8 +44,7 @@ TEST(VeskEventManagerDeathTest, ResolvesTheDeviceWatchesItsRegionAndStopsWhereIt
     // that is gone.
     manager.reset();
     EXPECT_EQ(capture.lines(), (QStringList{"Event Manager with device id", "1047"}));
-    EXPECT_EQ(location->calls.size(), 3);
-    EXPECT_EQ(location->delegate, nullptr);
+    EXPECT_TRUE(location->calls.size() == 3 && !location->delegate);
 
     // An unknown device: the service answers [] and the text reader indexes it.
     EXPECT_DEATH(VeskEventManager::create("999"), "fatal error: Index out of range");
