@@ -33,8 +33,8 @@ TEST(VeskEventManagerDeathTest, ResolvesTheDeviceWatchesItsRegionAndStopsWhereIt
     EXPECT_EQ(directory.requests(), QStringList{"GET /api/device/1047 -> 200"});
     const auto location = locations.last;
     ASSERT_EQ(manager->locationManager, location);
-    EXPECT_EQ(location->delegate, manager.get());
-    EXPECT_FALSE(location->pausesLocationUpdatesAutomatically);
+    EXPECT_TRUE(location->delegate == manager.get() &&
+                !location->pausesLocationUpdatesAutomatically);
     EXPECT_EQ(location->calls,
               (QStringList{"startMonitoring " + region + " 12 7",
                            "startRangingBeacons " + region + " 12 7", "startUpdatingLocation"}));
@@ -44,8 +44,7 @@ TEST(VeskEventManagerDeathTest, ResolvesTheDeviceWatchesItsRegionAndStopsWhereIt
     // that is gone.
     manager.reset();
     EXPECT_EQ(capture.lines(), (QStringList{"Event Manager with device id", "1047"}));
-    EXPECT_EQ(location->calls.size(), 3);
-    EXPECT_EQ(location->delegate, nullptr);
+    EXPECT_TRUE(location->calls.size() == 3 && !location->delegate);
 
     // An unknown device: the service answers [] and the text reader indexes it.
     EXPECT_DEATH(VeskEventManager::create("999"), "fatal error: Index out of range");
@@ -81,7 +80,7 @@ TEST(VeskEventManagerDeathTest, TheMajorMinorTextSplitsAtEveryDashOrStops)
     // clang-format on
     for (const auto& [text, outcome] : cases) {
         CannedEventManager::majorMinor = text;
-        if (QByteArray(outcome).startsWith("fatal") || QByteArray(outcome).startsWith("^")) {
+        if (QByteArray(outcome).contains(':')) {
             EXPECT_DEATH(VeskEventManager::create<CannedEventManager>("x"), outcome) << text;
             continue;
         }
@@ -93,7 +92,7 @@ TEST(VeskEventManagerDeathTest, TheMajorMinorTextSplitsAtEveryDashOrStops)
 
 Beacon beacon(int rssi, int proximity)
 {
-    return Beacon{{}, 0, 0, static_cast<Proximity>(proximity), rssi, -1};
+    return {{}, 0, 0, Proximity(proximity), rssi, -1};
 }
 
 class Events : public testing::Test
@@ -101,15 +100,13 @@ class Events : public testing::Test
 protected:
     void SetUp() override
     {
-        manager->onEntry([this](const auto& device) { record("entry", device); });
-        manager->onExit([this](const auto& device) { record("exit", device); });
-        manager->onRange([this](const auto& device) { record("range", device); });
-        manager->onUpdate([this](const auto& device) { record("update", device); });
-    }
-    void record(const char* kind, const std::shared_ptr<VeskDevice>& device)
-    {
-        calls << kind;
-        devices.push_back(device);
+        const auto record = [this](const char* kind) {
+            return [this, kind](const auto& device) { calls << kind, devices.push_back(device); };
+        };
+        manager->onEntry(record("entry"));
+        manager->onExit(record("exit"));
+        manager->onRange(record("range"));
+        manager->onUpdate(record("update"));
     }
 
     RecordingLocationManager::Installer locations;
@@ -121,21 +118,17 @@ protected:
 
 TEST_F(Events, RangingReportsTheFirstBeaconsSignalAndDistanceWordAtOnce)
 {
-    const struct
-    {
-        int rssi, proximity;
-        const char* rssiText;
-        std::optional<QString> distance;
-    } cases[] = {{-59, 2, "-59", "Near"}, {-80, 3, "-80", "Far"},    {-40, 1, "-40", "Immediate"},
-                 {0, 0, "0", "Unknown"},  {7, 4, "7", std::nullopt}, {-1, -1, "-1", std::nullopt}};
+    const std::tuple<int, int, std::optional<QString>> cases[] = {
+        {-59, 2, "Near"},  {-80, 3, "Far"},      {-40, 1, "Immediate"},
+        {0, 0, "Unknown"}, {7, 4, std::nullopt}, {-1, -1, std::nullopt}};
     StdoutCapture capture;
     location->range({});
-    for (const auto& c : cases) {
+    for (const auto& [rssi, proximity, distance] : cases) {
         devices.clear();
-        location->range({beacon(c.rssi, c.proximity), beacon(-30, 1), beacon(-31, 1)});
+        location->range({beacon(rssi, proximity), beacon(-30, 1), beacon(-31, 1)});
         ASSERT_EQ(devices.size(), 1u);
-        EXPECT_EQ(*devices[0], (VeskDevice{{}, {}, {}, {}, c.distance, c.rssiText}))
-            << c.rssi << " " << c.proximity;
+        EXPECT_EQ(*devices[0], (VeskDevice{{}, {}, {}, {}, distance, QString::number(rssi)}))
+            << rssi << " " << proximity;
     }
     EXPECT_TRUE(capture.lines().isEmpty());
     // Ranging touches none of the filter's state.

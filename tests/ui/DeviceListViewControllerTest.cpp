@@ -59,17 +59,16 @@ TEST(DeviceListViewController, BuildsItsFixedLayoutOnceAndRowsFollowItemsAtEachR
 {
     CountingScreen screen;
     EXPECT_EQ(screen.table, nullptr);
-    screen.show();
-    screen.hide();
-    screen.show();
+    for (const bool visible : {true, false, true})
+        screen.setVisible(visible);
     screen.loadViewIfNeeded();
     EXPECT_EQ(screen.loads, 1);
     ASSERT_NE(screen.table, nullptr);
     const auto* label = screen.findChild<QLabel*>();
     const auto* button = screen.findChild<QPushButton*>();
-    EXPECT_EQ(std::pair(label->geometry(), label->text()),
-              std::pair(QRect(10, 20, 200, 21), QString("List of Nearby Devices")));
-    EXPECT_EQ(label->alignment(), Qt::AlignCenter);
+    EXPECT_EQ(std::tuple(label->geometry(), label->text(), label->alignment()),
+              std::tuple(QRect(10, 20, 200, 21), QString("List of Nearby Devices"),
+                         Qt::Alignment(Qt::AlignCenter)));
     EXPECT_EQ(std::pair(button->geometry(), button->text()),
               std::pair(QRect(200, 20, 100, 50), QString("Cancel")));
     EXPECT_EQ(screen.table->geometry(), QRect(0, 120, 300, 300));
@@ -106,17 +105,15 @@ TEST(DeviceListViewController, ReportsAClickToTheDelegateThenCloses)
         if (c.withDelegate)
             screen->delegate = delegate;
         screen->present(host.get());
-        EXPECT_EQ(screen->parent(), nullptr);
-        EXPECT_EQ(screen->windowModality(), Qt::WindowModal);
-        EXPECT_EQ(screen->windowHandle()->transientParent(), host->windowHandle());
+        EXPECT_TRUE(!screen->parent() && screen->windowModality() == Qt::WindowModal &&
+                    screen->windowHandle()->transientParent() == host->windowHandle());
         if (!c.withDelegate)
             host.reset();
         StdoutCapture capture;
         click(*screen, c.row);
         EXPECT_EQ(capture.lines(), c.log);
         EXPECT_EQ(delegate->heard, c.heard);
-        EXPECT_FALSE(screen->isVisible());
-        EXPECT_TRUE(!host || host->isVisible());
+        EXPECT_TRUE(!screen->isVisible() && (!host || host->isVisible()));
     }
 }
 
@@ -269,8 +266,7 @@ TEST_F(DesktopPairing, ScreenIsTransientForTheHostPlacedOverItAndStaysAboveIt)
     EXPECT_TRUE(screen.isActiveWindow());
     const QList<WId> stacking = windowIds(x11("xprop", {"-root", "_NET_CLIENT_LIST_STACKING"}));
     EXPECT_GT(stacking.indexOf(screen.winId()), stacking.indexOf(host.winId()));
-    EXPECT_TRUE(screen.isVisible());
-    EXPECT_TRUE(results.isEmpty());
+    EXPECT_TRUE(screen.isVisible() && results.isEmpty());
     screenshot("2-host-clicked");
 }
 
@@ -295,7 +291,7 @@ TEST_P(DesktopPairingExit, ReachesTheHostOnceAndTheHostStopsTheScan)
     const DeviceListViewController& screen = pair();
     screenshot(QString("3-before-%1").arg(c.name).toUtf8().constData());
     StdoutCapture capture;
-    const QStringList typing = QStringList{"key", "--delay", "100"} + c.keys;
+    const auto typing = QStringList{"key", "--delay", "100"} + c.keys;
     x11("xdotool", typing);
     // With several desktops at once on a loaded machine, openbox now and then lets one Alt+F4
     // pass (about once in 25 runs); nothing has happened then, and a user would press again.
@@ -308,9 +304,9 @@ TEST_P(DesktopPairingExit, ReachesTheHostOnceAndTheHostStopsTheScan)
     EXPECT_EQ(log.contains("canceling"), c.result.isEmpty()) << log.join(" | ").toStdString();
     EXPECT_EQ(log.count("saving device keys"), 1);
     EXPECT_EQ(UserDefaults::standard().stringArray("VeskDeviceManagerKeys"), QStringList{});
+    const QString region = describe(devices->beaconRegion.get());
     EXPECT_EQ(locations.last->calls.mid(2),
-              QStringList({"stopRangingBeacons " + describe(devices->beaconRegion.get()),
-                           "stopMonitoring " + describe(devices->beaconRegion.get())}));
+              QStringList({"stopRangingBeacons " + region, "stopMonitoring " + region}));
     EXPECT_FALSE(screen.isVisible());
 }
 
