@@ -12,6 +12,7 @@
 
 #include <functional>
 #include <thread>
+#include <tuple>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -19,8 +20,6 @@
 #include <unistd.h>
 
 using namespace Quorlix;
-using Quorlix::Testing::DirectoryProcess;
-using Quorlix::Testing::RecordingLocationManager;
 
 namespace {
 
@@ -147,7 +146,7 @@ TEST(DirectoryFaults, BadAnswersAndSlowServersStopWithTheirCause)
         EXPECT_DEATH(
             {
                 ::alarm(20);
-                RecordingLocationManager::Installer locations;
+                Testing::RecordingLocationManager::Installer locations;
                 VeskEventManager::create("1047");
             },
             std::string(c.cause) + ".*" + c.stop);
@@ -172,12 +171,9 @@ TEST(DirectoryFaults, BadAnswersAndSlowServersStopWithTheirCause)
 
 TEST(DirectoryFaults, BoundsComeFromTheEnvironmentAndBadValuesAreNamed)
 {
-    const struct
-    {
-        const char* variable;
-        const char* value;
-        qint64 expected; // milliseconds or bytes; -1: refused, the default stays
-    } cases[] = {        // clang-format off
+    // Variable, value, bound in milliseconds or bytes (-1: refused, the default stays).
+    // clang-format off
+    const std::tuple<const char*, const char*, qint64> cases[] = {
         {"QUORLIX_DIRECTORY_TIMEOUT", "2.5", 2500}, {"QUORLIX_DIRECTORY_TIMEOUT", " 7 ", 7000},
         {"QUORLIX_DIRECTORY_CONNECT_TIMEOUT", "0.001", 1},
         {"QUORLIX_DIRECTORY_MAX_BYTES", "1048576", 1048576},
@@ -197,15 +193,17 @@ TEST(DirectoryFaults, BoundsComeFromTheEnvironmentAndBadValuesAreNamed)
                : variable.endsWith("CONNECT_TIMEOUT") ? limits.connectTimeout.count()
                                                       : limits.totalTimeout.count();
     };
-    for (const auto& c : cases) {
+    for (const auto& [variable, value, expected] : cases) {
         warnings.clear();
-        qputenv(c.variable, c.value);
-        const qint64 got = bound(DirectoryClient::limits(), c.variable);
-        qunsetenv(c.variable);
-        const QString expectedWarning = QStringLiteral("%1=\"%2\"").arg(c.variable, c.value);
-        EXPECT_EQ(got, c.expected < 0 ? bound({}, c.variable) : c.expected) << c.value;
-        EXPECT_EQ(warnings.filter(expectedWarning).size(), c.expected < 0 ? 1 : 0) << c.value;
-        EXPECT_EQ(warnings.size(), c.expected < 0 ? 1 : 0) << c.value;
+        qputenv(variable, value);
+        const qint64 got = bound(DirectoryClient::limits(), variable);
+        qunsetenv(variable);
+        EXPECT_EQ(got, expected < 0 ? bound({}, variable) : expected) << value;
+        // Exactly one warning for a refused value, and it names the variable and the value.
+        EXPECT_EQ(warnings.size(), expected < 0 ? 1 : 0) << value;
+        EXPECT_EQ(warnings.filter(QStringLiteral("%1=\"%2\"").arg(variable, value)).size(),
+                  warnings.size())
+            << value;
     }
     qInstallMessageHandler(previous);
     EXPECT_EQ(DirectoryClient::limits().totalTimeout, std::chrono::seconds(60));

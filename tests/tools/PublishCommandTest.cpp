@@ -40,10 +40,9 @@ Retained retainedWhen(int port, const std::function<bool(const Retained&)>& done
                           "-v", "--retained-only", "-W", "2"});
         subscriber.waitForFinished(5000);
         messages.clear();
-        for (const QByteArray& line : subscriber.readAllStandardOutput().split('\n')) {
+        for (const QByteArray& line : subscriber.readAllStandardOutput().split('\n'))
             if (const qsizetype space = line.indexOf(' '); space > 0)
                 messages[QString::fromUtf8(line.left(space))] = line.mid(space + 1);
-        }
     } while (!done(messages) && !deadline.hasExpired());
     return messages;
 }

@@ -144,15 +144,13 @@ TEST(QuorlixCommand, WatchSeesOnARecordedTraceWhatItSawLive)
         const ToolRun replayed =
             runTool(arguments + QStringList{"replay:" + trace, "--json"}, home.path());
         Events heard[2]; // entries and exits: simulated, replayed
-        for (const QString& line : shown.out.split(u'\n', Qt::SkipEmptyParts)) {
+        for (const QString& line : shown.out.split(u'\n', Qt::SkipEmptyParts))
             if (const QStringList words = line.split(u' ', Qt::SkipEmptyParts);
                 words[2] != u"range")
                 heard[0].emplace_back(words[2], words[0].toDouble());
-        }
-        for (const QJsonObject& line : replayed.json()) {
+        for (const QJsonObject& line : replayed.json())
             if (line[u"event"].toString() != u"range")
                 heard[1].emplace_back(line[u"event"].toString(), line[u"time"].toDouble());
-        }
         if (device == QLatin1StringView("1047")) {
             EXPECT_EQ(heard[0], (Events{{"watch", 0}, {"entry", 0.5}, {"exit", 18}}));
             EXPECT_TRUE(shown.out.contains(QRegularExpression(
