@@ -8,13 +8,11 @@
 #include <arpa/inet.h>
 #include <csignal>
 #include <netinet/in.h>
-#include <spawn.h>
 #include <stdexcept>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-extern char** environ;
 
 namespace Quorlix::Testing {
 
@@ -32,15 +30,21 @@ DirectoryProcess::DirectoryProcess(const QString& devicesFile)
                                (devices.isEmpty() ? QByteArray() : "'" + devices + "'") + " > '" +
                                log + "'";
     const char* argv[] = {"/bin/sh", "-c", command.constData(), nullptr};
-    // The service must hold none of our descriptors: a death-test child that starts one would
-    // otherwise keep gtest's pipe open and its parent waiting forever.
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-    const int spawned =
-        posix_spawn(&m_pid, "/bin/sh", &actions, nullptr, const_cast<char**>(argv), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0)
+    const pid_t parent = getpid();
+    m_pid = fork();
+    if (m_pid == 0) {
+        // The service goes with the process that started it, also with a death-test child that
+        // stops before any destructor runs. It holds none of our descriptors: a death-test child's
+        // service would otherwise keep gtest's pipe open and its parent waiting forever. Only
+        // async-signal-safe calls between fork and exec.
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != parent)
+            _exit(1);
+        close_range(3, ~0U, 0);
+        execv("/bin/sh", const_cast<char**>(argv));
+        _exit(127);
+    }
+    if (m_pid < 0)
         throw std::runtime_error("cannot start " + program.toStdString());
 
     for (int attempt = 0; attempt < 500 && m_port == 0; ++attempt) {
