@@ -3,9 +3,10 @@
 
 #include "quorlix/platform/UserDefaults.h"
 
+#include "ProgramRun.h"
+
 #include <QFile>
 #include <QImage>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QSet>
 #include <QTemporaryDir>
@@ -16,33 +17,13 @@
 
 namespace {
 
-struct DemoResult
-{
-    int exitCode = -1;
-    QString out, err;
-};
+using Quorlix::Testing::ProgramRun;
 
-DemoResult runDemo(const QStringList& arguments, const QString& configHome,
-                   const QStringList& extraEnvironment = {})
+ProgramRun runDemo(const QStringList& arguments, const QString& home,
+                   const QStringList& settings = {})
 {
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    for (const QString& setting : extraEnvironment)
-        environment.insert(setting.section(u'=', 0, 0), setting.section(u'=', 1));
-    // The key store goes to a scratch settings directory, never the user's.
-    environment.insert("XDG_CONFIG_HOME", configHome);
-    for (const char* name :
-         {"DISPLAY", "WAYLAND_DISPLAY", "QUORLIX_DIRECTORY_HOST", "QUORLIX_LOCATION_SOURCE"})
-        environment.remove(name);
-    QProcess demo;
-    demo.setProcessEnvironment(environment);
-    demo.start(QStringLiteral(QUORLIX_DEMO_PROGRAM), arguments);
-    const bool finished = demo.waitForFinished(30000);
-    if (!finished)
-        demo.kill();
-    demo.waitForFinished();
-    return {finished && demo.exitStatus() == QProcess::NormalExit ? demo.exitCode() : -1,
-            QString::fromUtf8(demo.readAllStandardOutput()),
-            QString::fromUtf8(demo.readAllStandardError())};
+    return Quorlix::Testing::runProgram(QStringLiteral(QUORLIX_DEMO_PROGRAM), arguments, home,
+                                        settings);
 }
 
 // The demo's event lines: "  12.3 s  <kind> <text>".
@@ -76,15 +57,15 @@ TEST(DemoSmoke, HeadlessRunWatchesPairsStoresAndTakesScreenshots)
 {
     QTemporaryDir scratch;
     const QString shots = scratch.filePath(QStringLiteral("shots"));
-    const QString config = scratch.filePath(QStringLiteral("config"));
-    Quorlix::UserDefaults store(config + QStringLiteral("/Quorlix/quorlix-demo.json"));
+    Quorlix::UserDefaults store(
+        scratch.filePath(QStringLiteral(".config/Quorlix/quorlix-demo.json")));
     ASSERT_TRUE(store.setStringArray("VeskDeviceManagerKeys", {"1048", "9999"}));
     QFile screen(scratch.filePath(QStringLiteral("screen.json")));
     ASSERT_TRUE(screen.open(QIODevice::WriteOnly));
     screen.write(R"({"screens": [{"name": "s", "x": 0, "y": 0, "width": 1280, "height": 800}]})");
     screen.close();
-    const DemoResult run = runDemo(
-        {"--headless", "--seconds", "8", "--screenshots", shots}, config,
+    const ProgramRun run = runDemo(
+        {"--headless", "--seconds", "8", "--screenshots", shots}, scratch.path(),
         {"QT_QPA_PLATFORM=offscreen:configfile=" + screen.fileName(), "QT_SCALE_FACTOR=1.5"});
     ASSERT_EQ(run.exitCode, 0) << run.err.toStdString() << run.out.toStdString();
     const std::string log = run.out.toStdString();
@@ -118,8 +99,9 @@ TEST(DemoSmoke, HeadlessRunWatchesPairsStoresAndTakesScreenshots)
     // The next start of the host reloads the stored key; a run that never pairs says that it has
     // no picture of the pairing screen.
     const QString moreShots = scratch.filePath(QStringLiteral("more"));
-    const DemoResult again = runDemo(
-        {"--headless", "--seconds", "1", "--pick", "none", "--screenshots", moreShots}, config);
+    const ProgramRun again =
+        runDemo({"--headless", "--seconds", "1", "--pick", "none", "--screenshots", moreShots},
+                scratch.path());
     ASSERT_EQ(again.exitCode, 0) << again.err.toStdString();
     const QStringList stored = events(again.out, "store");
     ASSERT_FALSE(stored.isEmpty()) << again.out.toStdString();
@@ -139,7 +121,7 @@ TEST(DemoSmoke, BadStartsEndWithAMessageAndAnExitCode)
         {{"--headless", "--directory", "127.0.0.1:1"}, 1, "does not answer", false}};
     // clang-format on
     for (const auto& [arguments, exitCode, message, usage] : cases) {
-        const DemoResult run = runDemo(arguments, scratch.path());
+        const ProgramRun run = runDemo(arguments, scratch.path());
         const std::string what = arguments.join(u' ').toStdString() + "\n" + run.err.toStdString();
         EXPECT_EQ(run.exitCode, exitCode) << what;
         EXPECT_TRUE(run.err.contains(QString::fromUtf8(message))) << what;

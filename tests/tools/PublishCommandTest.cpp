@@ -3,7 +3,7 @@
 // killed publisher's last will and a clean stop.
 
 #include "DirectoryProcess.h"
-#include "ToolProcess.h"
+#include "ProgramRun.h"
 
 #include <QDeadlineTimer>
 #include <QMap>
@@ -73,9 +73,11 @@ TEST(PublishCommand, RoomsSurviveABrokerRestartAndEndOfflineByWillOrByStop)
     // Every family beacon heard, in "Test room"; devices 1047 (beacon 12-7) and 1048 (not in the
     // room) only, in "hall".
     QProcess everyBeacon, watched;
-    startTool(everyBeacon, common + QStringList{"--room", "Test room"}, dir.path());
-    startTool(watched, common + QStringList{"--room", "hall", "--watch", "1047", "--watch", "1048"},
-              dir.path());
+    startProgram(everyBeacon, QUORLIX_COMMAND, common + QStringList{"--room", "Test room"},
+                 dir.path());
+    startProgram(watched, QUORLIX_COMMAND,
+                 common + QStringList{"--room", "hall", "--watch", "1047", "--watch", "1048"},
+                 dir.path());
 
     const auto settled = [](const Retained& messages) {
         return messages.size() == 22 && // per room: availability, two states, four entities each

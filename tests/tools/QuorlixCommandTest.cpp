@@ -2,7 +2,7 @@
 // replayed beacons in virtual time (--fast), and what it refuses.
 
 #include "DirectoryProcess.h"
-#include "ToolProcess.h"
+#include "ProgramRun.h"
 
 #include "quorlix/location/LocationSettings.h"
 
@@ -20,8 +20,13 @@ using namespace Quorlix::Testing;
 constexpr char family[] = "E1876979-75B5-43DE-92CB-2BC1AD6BA999";
 constexpr char demo[] = "simulate:" QUORLIX_SCENARIOS "/demo.json";
 
+ProgramRun runTool(const QStringList& arguments, const QString& home, int timeoutMs = 20000)
+{
+    return runProgram(QStringLiteral(QUORLIX_COMMAND), arguments, home, {}, timeoutMs);
+}
+
 // Scan rows by refresh time and beacon ("12-7").
-std::map<std::pair<double, QString>, QJsonObject> scanRows(const ToolRun& run)
+std::map<std::pair<double, QString>, QJsonObject> scanRows(const ProgramRun& run)
 {
     std::map<std::pair<double, QString>, QJsonObject> rows;
     for (const QJsonObject& row : run.json()) {
@@ -35,7 +40,7 @@ std::map<std::pair<double, QString>, QJsonObject> scanRows(const ToolRun& run)
 TEST(QuorlixCommand, ScanFollowsTheDemoScenario)
 {
     QTemporaryDir home;
-    const ToolRun run =
+    const ProgramRun run =
         runTool({"scan", "--source", demo, "--fast", "--seconds", "27"}, home.path());
     ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
     const auto rows = scanRows(run);
@@ -108,7 +113,7 @@ TEST(QuorlixCommand, RefusesWithAMessageAndAnExitCode)
         {{"scan", "--source", "simulate:/no/such.json"}, 2, "cannot read the simulate file"},
     };
     for (const auto& [arguments, exitCode, message] : table) {
-        const ToolRun run = runTool(arguments, home.path(), 10000);
+        const ProgramRun run = runTool(arguments, home.path(), 10000);
         EXPECT_EQ(run.exitCode, exitCode) << arguments.join(u' ').toStdString();
         EXPECT_TRUE(run.err.contains(QLatin1StringView(message)) && run.out.isEmpty())
             << run.out.toStdString() << run.err.toStdString();
@@ -124,7 +129,7 @@ TEST(QuorlixCommand, WatchSeesOnARecordedTraceWhatItSawLive)
     QTemporaryDir home;
     DirectoryProcess directory;
     const QString trace = home.filePath(QStringLiteral("room.csv"));
-    const ToolRun record =
+    const ProgramRun record =
         runTool({"record", trace, "--source", demo, "--fast", "--seconds", "25"}, home.path());
     EXPECT_TRUE(record.out.contains(QRegularExpression(
         QStringLiteral("^recorded \\d{3,} readings of 5 beacons in 25.0 s to .*room.csv\n$"))))
@@ -140,8 +145,8 @@ TEST(QuorlixCommand, WatchSeesOnARecordedTraceWhatItSawLive)
         QStringList arguments{"watch",  device,      "--directory", directory.host(),
                               "--fast", "--seconds", "25",          "--exit-period",
                               "2",      "--source"};
-        const ToolRun shown = runTool(arguments + QStringList{demo}, home.path());
-        const ToolRun replayed =
+        const ProgramRun shown = runTool(arguments + QStringList{demo}, home.path());
+        const ProgramRun replayed =
             runTool(arguments + QStringList{"replay:" + trace, "--json"}, home.path());
         Events heard[2]; // entries and exits: simulated, replayed
         for (const QString& line : shown.out.split(u'\n', Qt::SkipEmptyParts))
@@ -201,7 +206,7 @@ TEST(QuorlixCommand, CalibrateStoresTheMedianAtOneMetreAndKeepsTheRestOfTheFile)
         if (!before.isEmpty())
             writeFile(home.path(), QStringLiteral("given.json"), before);
         QStringList arguments{"calibrate", beacon, "--source", "replay:" + trace, "--fast"};
-        const ToolRun run =
+        const ProgramRun run =
             runTool(path == given ? arguments << "--file" << path : arguments, home.path());
         EXPECT_EQ(run.exitCode, exitCode) << run.err.toStdString();
         EXPECT_TRUE((run.out + run.err).contains(QLatin1StringView(message)))
