@@ -36,6 +36,7 @@ TEST(SourceSelection, UnusableChoicesAreNamedAndNeverReplaced)
         {"replay:" + trace, QStringLiteral("trace %1: line 2: expected 4 fields").arg(trace)},
         {"wifi", "unknown source \"wifi\"; expected bluez, simulate:<scenario.json> or "
                  "replay:<trace.csv>"},
+        {"bluez", "quorlix.platform.bluez cannot reach the system bus"},
         {"", "quorlix.platform.bluez cannot reach the system bus"}};
     const QtMessageHandler previous = qInstallMessageHandler(keep);
     for (const auto& [setting, message] : cases) {
