@@ -46,18 +46,6 @@ TEST(ProximityFilter, BandsChangeOnlyPastTheMargin)
     }
 }
 
-TEST(ProximityFilter, FirstWordHasNoHysteresis)
-{
-    using P = Proximity;
-    for (const auto& [rssi, expected] :
-         {std::pair{-52, P::Immediate}, {-54, P::Near}, {-68, P::Near}, {-69, P::Far}}) {
-        ProximityFilter filter;
-        EXPECT_EQ(filter.update(power), Proximity::Unknown);
-        filter.addReading(0, rssi);
-        EXPECT_EQ(filter.update(power), expected) << rssi;
-    }
-}
-
 TEST(ProximityFilter, AverageFollowsTimeNotReadingCount)
 {
     // The same step from -60 to -70 seen at 10 Hz and at 1 Hz covers the same share of the way

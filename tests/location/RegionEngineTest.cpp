@@ -145,19 +145,6 @@ TEST_F(EngineTest, StoppingMonitoringForgetsAndReportsNothing)
     EXPECT_EQ(take(), QStringList{"enter A @100000"});
 }
 
-TEST_F(EngineTest, RangingReportsOnceASecondPerRegionAlsoWhenEmpty)
-{
-    clock->advanceTo(300 * ms);
-    engine->startRanging(region("A", 12));
-    engine->startRanging(region("B", 99));
-    seeEvery(100 * ms, 3300 * ms, 12, 7);
-    EXPECT_EQ(take(), (QStringList{"range A @1300", "empty B @1300", "range A @2300",
-                                   "empty B @2300", "range A @3300", "empty B @3300"}));
-    engine->stopRanging(region("A"));
-    clock->advanceTo(6 * s);
-    EXPECT_EQ(take(), (QStringList{"empty B @4300", "empty B @5300"}));
-}
-
 TEST_F(EngineTest, ReportListsNearestFirstWithTheLastSecondsMeanRssi)
 {
     engine->startRanging(region("A"));

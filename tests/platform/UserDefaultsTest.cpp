@@ -67,22 +67,6 @@ TEST(UserDefaults, OnlyAnArrayOfTextsIsAListAndAnEmptyOneIsNotAbsence)
     EXPECT_TRUE(json.contains(R"("Mixed")") && json.contains(R"("Text")")) << json.constData();
 }
 
-TEST(UserDefaults, SavesReplaceTheStoreWithAnOwnerOnlyFile)
-{
-    QTemporaryDir dir;
-    const QString file = dir.filePath("app/app.json");
-    writeRaw(file, R"({"Keys": ["1047"]})", 0644);
-    const ino_t before = statusOf(file).st_ino;
-    ASSERT_TRUE(UserDefaults(file).setStringArray("Keys", {"2001"}));
-    // A new inode: written aside and renamed over the store, never into it.
-    EXPECT_NE(statusOf(file).st_ino, before);
-    EXPECT_EQ(statusOf(file).st_mode & 0777, 0600u);
-
-    const QString fresh = dir.filePath("new/app.json");
-    ASSERT_TRUE(UserDefaults(fresh).setStringArray("Keys", {}));
-    EXPECT_EQ(statusOf(fresh).st_mode & 0777, 0600u);
-}
-
 // Faults: a save that cannot be written in full must leave the old store, and what killed or
 // failed saves leave behind must not pile up.
 TEST(UserDefaultsFaults, AFailedWriteKeepsTheOldStoreAndReturnsFalse)

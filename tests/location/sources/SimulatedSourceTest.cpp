@@ -131,21 +131,6 @@ TEST(SourceFiles, BadScenariosAndTracesAreRefusedNamingTheFileAndThePlace)
     }
 }
 
-TEST(SimulatedSource, PathIsLinearBetweenPointsAndSilentAfterNull)
-{
-    const Scenario walk = scenario(
-        R"("major": 1, "minor": 1, "path": [[2, 1.0], [4, 3.0], [6, null], [8, 5.0], [8, 6.0]])");
-    const std::pair<double, std::optional<double>> cases[] = {
-        {0, 1.0},  {2, 1.0},    {3, 2.0},          {3.5, 2.5},          {4, 3.0},
-        {5, 3.0},  {5.99, 3.0}, {6, std::nullopt}, {7.9, std::nullopt}, {8, 6.0},
-        {100, 6.0}};
-    for (const auto& [t, expected] : cases) {
-        const std::optional<double> d = walk.beacons.at(0).distanceAt(t);
-        ASSERT_EQ(d.has_value(), expected.has_value()) << t;
-        EXPECT_NEAR(d.value_or(0), expected.value_or(0), 1e-9) << t;
-    }
-}
-
 TEST(SimulatedSource, RssiFollowsTheLogDistanceModelWithItsNoiseAndLoss)
 {
     // Distance, loss, noise, path-loss exponent.
