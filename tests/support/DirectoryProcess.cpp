@@ -1,6 +1,7 @@
 #include "DirectoryProcess.h"
 
 #include <QFile>
+#include <QProcess>
 #include <QStringList>
 #include <QTemporaryDir>
 #include <QThread>
@@ -11,42 +12,28 @@
 #include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace Quorlix::Testing {
 
 DirectoryProcess::DirectoryProcess(const QString& devicesFile)
+    : m_process(std::make_unique<QProcess>())
 {
     static QTemporaryDir logDir;
     static int counter = 0;
     m_logFile = logDir.filePath(QStringLiteral("directory-%1.log").arg(++counter));
-
-    const QByteArray program = QUORLIX_DIRECTORY_TOOL;
-    const QByteArray log = m_logFile.toLocal8Bit();
-    const QByteArray devices = devicesFile.toLocal8Bit();
-    // The shell redirects the tool's log to a file that we can read while it runs.
-    const QByteArray command = "exec '" + program + "' 0 " +
-                               (devices.isEmpty() ? QByteArray() : "'" + devices + "'") + " > '" +
-                               log + "'";
-    const char* argv[] = {"/bin/sh", "-c", command.constData(), nullptr};
-    const pid_t parent = getpid();
-    m_pid = fork();
-    if (m_pid == 0) {
-        // The service goes with the process that started it, also with a death-test child that
-        // stops before any destructor runs. It holds none of our descriptors: a death-test child's
-        // service would otherwise keep gtest's pipe open and its parent waiting forever. Only
-        // async-signal-safe calls between fork and exec.
+    // The service goes with the process that started it, also with a death-test child that stops
+    // before any destructor runs. It holds none of our descriptors: a death-test child's service
+    // would otherwise keep gtest's pipe open and its parent waiting forever.
+    m_process->setChildProcessModifier([] {
         prctl(PR_SET_PDEATHSIG, SIGTERM);
-        if (getppid() != parent)
-            _exit(1);
         close_range(3, ~0U, 0);
-        execv("/bin/sh", const_cast<char**>(argv));
-        _exit(127);
-    }
-    if (m_pid < 0)
-        throw std::runtime_error("cannot start " + program.toStdString());
-
+    });
+    // The log goes to a file that we can read while the service runs.
+    m_process->setStandardOutputFile(m_logFile);
+    m_process->start(QStringLiteral(QUORLIX_DIRECTORY_TOOL),
+                     QStringList{QStringLiteral("0")} +
+                         (devicesFile.isEmpty() ? QStringList() : QStringList{devicesFile}));
     for (int attempt = 0; attempt < 500 && m_port == 0; ++attempt) {
         QFile file(m_logFile);
         if (file.open(QIODevice::ReadOnly)) {
@@ -65,10 +52,8 @@ DirectoryProcess::DirectoryProcess(const QString& devicesFile)
 
 DirectoryProcess::~DirectoryProcess()
 {
-    if (m_pid > 0) {
-        kill(m_pid, SIGTERM);
-        waitpid(m_pid, nullptr, 0);
-    }
+    m_process->terminate();
+    m_process->waitForFinished();
 }
 
 QStringList DirectoryProcess::requests() const

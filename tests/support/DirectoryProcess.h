@@ -2,7 +2,9 @@
 
 #include <QString>
 
-#include <sys/types.h>
+#include <memory>
+
+class QProcess;
 
 namespace Quorlix::Testing {
 
@@ -24,7 +26,7 @@ public:
     QStringList requests() const;
 
 private:
-    pid_t m_pid = -1;
+    std::unique_ptr<QProcess> m_process;
     int m_port = 0;
     QString m_host;
     QString m_logFile;
