@@ -69,15 +69,6 @@ TEST(DirectoryAnswerDeathTest, ReadersFollowTheLookupRules)
         EXPECT_EQ(capture.lines(), c.printed);
         EXPECT_EQ(key, c.key.text);
     }
-    // Members of arrays are looked up element by element; a null member is a value, not absence.
-    const auto member = [](const char* json) {
-        return DirectoryAnswer::member(DirectoryAnswer::parse(json), "Key");
-    };
-    EXPECT_EQ(DirectoryAnswer::describe(*member(R"([{"Key":1},{"Other":2},{"Key":"x"}])")),
-              R"([1,null,"x"])");
-    EXPECT_FALSE(member("{}").has_value());
-    EXPECT_TRUE(member(R"({"Key":null})").has_value());
-
     for (const char* body : {"", "not json", "{", "[1,]", "{\"Key\":1} trailing", "\"\xff\""})
         EXPECT_DEATH(DirectoryAnswer::parse(QByteArray(body)),
                      "fatal error: unexpectedly found nil while unwrapping an Optional value")
