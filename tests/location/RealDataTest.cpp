@@ -1,4 +1,4 @@
-#include "quorlix/location/EngineLocationManager.h"
+#include "quorlix/location/RegionEngine.h"
 #include "quorlix/location/VirtualClock.h"
 
 #include <gtest/gtest.h>
@@ -7,7 +7,7 @@
 
 #include <cmath>
 
-// Recordings of a real beacon at known distances (data/README.md) through the location manager in
+// Recordings of a real beacon at known distances (data/README.md) through the region engine in
 // virtual time: the floors hold the quality measured when the rules were made, with some room.
 namespace Quorlix {
 namespace {
@@ -38,16 +38,6 @@ std::vector<Trace> excerpt()
     return traces;
 }
 
-struct Recorder : LocationManagerDelegate
-{
-    VirtualClock* clock = nullptr;
-    std::vector<std::pair<std::int64_t, Beacon>> reports; // time in ns, the first beacon
-    void didRangeBeacons(LocationManager*, const QList<Beacon>& beacons, BeaconRegion*) override
-    {
-        reports.emplace_back(clock->nowNs(), beacons.value(0));
-    }
-};
-
 // Band accuracy, share of Unknown, word changes per minute and the median distance error over the
 // traces closer than 3 m, each against its floor.
 void expectQuality(const char* what, const LocationSettings& settings, int shiftDb, int keepEvery)
@@ -56,24 +46,25 @@ void expectQuality(const char* what, const LocationSettings& settings, int shift
     double minutes = 0;
     std::vector<double> nearErrors;
     for (const Trace& trace : excerpt()) {
-        auto clock = std::make_shared<VirtualClock>();
-        EngineLocationManager manager(clock, nullptr);
-        EXPECT_TRUE(manager.applySettings(settings));
-        Recorder recorder;
-        recorder.clock = clock.get();
-        manager.delegate = &recorder;
-        manager.startRangingBeacons(
+        VirtualClock clock;
+        RegionEngine engine(clock);
+        engine.applySettings(settings);
+        std::vector<std::pair<std::int64_t, Beacon>> words; // time in ns, the first beacon
+        engine.ranged = [&](const QList<Beacon>& beacons, const auto&) {
+            words.emplace_back(clock.nowNs(), beacons.value(0));
+        };
+        engine.startRanging(
             std::make_shared<BeaconRegion>(BeaconRegion{family, {}, {}, QStringLiteral("A")}));
         const auto ns = [](double s) { return std::llround((s + 0.5) * 1e9); };
         for (std::size_t i = 0; i < trace.readings.size(); i += keepEvery) {
             const auto& [time, rssi] = trace.readings[i];
-            clock->advanceTo(ns(time));
-            manager.engine().addSighting(Sighting{ns(time), "E7:8F:13:56:24:CE", family, 1, 1, 0,
-                                                  rssi + shiftDb, trace.receiver});
+            clock.advanceTo(ns(time));
+            engine.addSighting(Sighting{ns(time), "E7:8F:13:56:24:CE", family, 1, 1, 0,
+                                        rssi + shiftDb, trace.receiver});
         }
         const Proximity truth = trace.distanceM < 3 ? Proximity::Near : Proximity::Far;
         std::optional<Proximity> previous;
-        for (const auto& [timeNs, beacon] : recorder.reports) {
+        for (const auto& [timeNs, beacon] : words) {
             if (timeNs < ns(trace.readings.front().first) ||
                 timeNs > ns(trace.readings.back().first))
                 continue;
