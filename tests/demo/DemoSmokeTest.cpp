@@ -5,7 +5,6 @@
 
 #include "ProgramRun.h"
 
-#include <QFile>
 #include <QImage>
 #include <QRegularExpression>
 #include <QSet>
@@ -60,13 +59,12 @@ TEST(DemoSmoke, HeadlessRunWatchesPairsStoresAndTakesScreenshots)
     Quorlix::UserDefaults store(
         scratch.filePath(QStringLiteral(".config/Quorlix/quorlix-demo.json")));
     ASSERT_TRUE(store.setStringArray("VeskDeviceManagerKeys", {"1048", "9999"}));
-    QFile screen(scratch.filePath(QStringLiteral("screen.json")));
-    ASSERT_TRUE(screen.open(QIODevice::WriteOnly));
-    screen.write(R"({"screens": [{"name": "s", "x": 0, "y": 0, "width": 1280, "height": 800}]})");
-    screen.close();
-    const ProgramRun run = runDemo(
-        {"--headless", "--seconds", "8", "--screenshots", shots}, scratch.path(),
-        {"QT_QPA_PLATFORM=offscreen:configfile=" + screen.fileName(), "QT_SCALE_FACTOR=1.5"});
+    const QString screen = Quorlix::Testing::writeFile(
+        scratch.path(), "screen.json",
+        R"({"screens": [{"name": "s", "x": 0, "y": 0, "width": 1280, "height": 800}]})");
+    const ProgramRun run =
+        runDemo({"--headless", "--seconds", "8", "--screenshots", shots}, scratch.path(),
+                {"QT_QPA_PLATFORM=offscreen:configfile=" + screen, "QT_SCALE_FACTOR=1.5"});
     ASSERT_EQ(run.exitCode, 0) << run.err.toStdString() << run.out.toStdString();
     const std::string log = run.out.toStdString();
     const QStringList storeLines = events(run.out, "store");

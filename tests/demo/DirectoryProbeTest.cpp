@@ -2,8 +2,8 @@
 #include "KeyStoreCheck.h"
 
 #include "DirectoryProcess.h"
+#include "Files.h"
 
-#include <QFile>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -24,12 +24,9 @@ TEST(KeyStoreCheck, SetsAsideWhatTheDirectoryDoesNotKnowAndRestoresWhatItKnowsAg
         EXPECT_FALSE(DirectoryProbe::isMajorMinor(bad)) << bad;
 
     QTemporaryDir dir;
-    QFile devices(dir.filePath("devices.json"));
-    ASSERT_TRUE(devices.open(QIODevice::WriteOnly));
-    devices.write(R"([{"Key": 1047, "MajorMinor": "12-7"}, {"Key": 2001, "MajorMinor": "300-1"},
-                      {"Key": 5, "MajorMinor": "12-x"}, {"Key": 6}, {"Key": 8, "MajorMinor": "bad"}])");
-    devices.close();
-    DirectoryProcess service(devices.fileName());
+    DirectoryProcess service(Quorlix::Testing::writeFile(dir.path(), "devices.json", R"([
+        {"Key": 1047, "MajorMinor": "12-7"}, {"Key": 2001, "MajorMinor": "300-1"},
+        {"Key": 5, "MajorMinor": "12-x"}, {"Key": 6}, {"Key": 8, "MajorMinor": "bad"}])"));
     const DirectoryProbe probe(service.host());
     EXPECT_EQ(probe.lookUp("1047").majorMinor, "12-7");
     const std::pair<const char*, const char*> bad[] = {

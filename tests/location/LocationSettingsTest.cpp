@@ -1,5 +1,7 @@
 #include "quorlix/location/LocationSettings.h"
 
+#include "Files.h"
+
 #include <gtest/gtest.h>
 
 #include <QTemporaryDir>
@@ -74,12 +76,9 @@ TEST(LocationSettings, DefaultsComeFromTheCalibrationFileAndRefuseProblems)
 {
     QTemporaryDir dir;
     const QString good = dir.filePath(QStringLiteral("good.json"));
-    const QString bad = dir.filePath(QStringLiteral("bad.json"));
+    const QString bad = Testing::writeFile(dir.path(), "bad.json", R"({"nearLimit": -1})");
     QString error;
     ASSERT_TRUE(calibrated().save(good, &error));
-    QFile file(bad);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.write(R"({"nearLimit": -1})") > 0);
-    file.close();
     // defaults() reads the environment once per process: each case runs in a fresh one. The good
     // file makes save and load round-trip.
     EXPECT_EXIT(

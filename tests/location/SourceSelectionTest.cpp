@@ -3,6 +3,7 @@
 #include "quorlix/location/EngineLocationManager.h"
 
 #include "EventLoop.h"
+#include "Files.h"
 
 #include <gtest/gtest.h>
 
@@ -23,11 +24,7 @@ void keep(QtMsgType, const QMessageLogContext& context, const QString& text)
 TEST(SourceSelection, UnusableChoicesAreNamedAndNeverReplaced)
 {
     QTemporaryDir dir;
-    const QString trace = dir.filePath(QStringLiteral("bad.csv"));
-    QFile file(trace);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write("0,A,-60,4c00\n1,A,-60\n");
-    file.close();
+    const QString trace = Testing::writeFile(dir.path(), "bad.csv", "0,A,-60,4c00\n1,A,-60\n");
     // Never the machine's own Bluetooth from a unit test: the default, BlueZ, gets no bus.
     qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/quorlix-test-bus");
     const std::pair<QString, QString> cases[] = {

@@ -3,7 +3,8 @@
 // The one way the tests run a program of the project: as a user would, but with none of the user's
 // Quorlix settings, no display, a scratch home and a bound on the time.
 
-#include <QFile>
+#include "Files.h"
+
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -68,16 +69,6 @@ inline ProgramRun runProgram(const QString& program, const QStringList& argument
     run.out = QString::fromUtf8(process.readAllStandardOutput());
     run.err += QString::fromUtf8(process.readAllStandardError());
     return run;
-}
-
-/// Writes text into dir/name; returns the path.
-inline QString writeFile(const QString& dir, const QString& name, const QByteArray& text)
-{
-    const QString path = dir + u'/' + name;
-    QFile file(path);
-    EXPECT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    file.write(text);
-    return path;
 }
 
 } // namespace Quorlix::Testing

@@ -3,6 +3,8 @@
 #include "quorlix/location/VirtualClock.h"
 #include "quorlix/location/sources/ReplaySource.h"
 
+#include "Files.h"
+
 #include <QFile>
 #include <QTemporaryDir>
 
@@ -232,10 +234,7 @@ TEST(ReplaySource, SkipsBadRowsCountsThemAndSaysSoOnce)
     const QByteArray csv = "time,address,rssi,manufacturer_data_hex\n0,A,-60" + f + "1,A,62" + f +
                            "2,A,-60\nnan,A,-60" + f + "9.3e9,A,-60" + f + "3,A,-60,zz\n4,A,-61" + f;
     QTemporaryDir dir;
-    const QString path = dir.filePath("real.csv");
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.write(csv) == csv.size());
-    file.close();
+    const QString path = Testing::writeFile(dir.path(), "real.csv", csv);
     static QStringList messages;
     const QtMessageHandler previous = qInstallMessageHandler(
         [](QtMsgType, const QMessageLogContext&, const QString& text) { messages << text; });
