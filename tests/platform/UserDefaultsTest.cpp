@@ -1,7 +1,8 @@
 #include "quorlix/platform/UserDefaults.h"
 
+#include "Files.h"
+
 #include <QDir>
-#include <QFile>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -18,23 +19,14 @@
 #include <unistd.h>
 
 using namespace Quorlix;
+using Quorlix::Testing::writeFile;
 
 namespace {
 
-struct stat statusOf(const QString& file)
+QByteArray contents(const QString& file)
 {
-    struct stat info = {};
-    EXPECT_EQ(::stat(QFile::encodeName(file).constData(), &info), 0);
-    return info;
-}
-
-void writeRaw(const QString& file, const QByteArray& bytes, int mode = 0600)
-{
-    QDir().mkpath(QFileInfo(file).path());
-    QFile out(file);
-    ASSERT_TRUE(out.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    out.write(bytes);
-    ASSERT_EQ(::chmod(QFile::encodeName(file).constData(), mode), 0);
+    QFile in(file);
+    return in.open(QIODevice::ReadOnly) ? in.readAll() : "(unreadable)";
 }
 
 } // namespace
@@ -42,16 +34,18 @@ void writeRaw(const QString& file, const QByteArray& bytes, int mode = 0600)
 TEST(UserDefaults, OnlyAnArrayOfTextsIsAListAndAnEmptyOneIsNotAbsence)
 {
     QTemporaryDir dir;
-    const QString file = dir.filePath("app/app.json");
-    writeRaw(file, R"({"Text": "1047", "Number": 1047, "Mixed": ["1047", 1048], "Null": null,
+    const QString file =
+        writeFile(dir.path(), "app.json",
+                  R"({"Text": "1047", "Number": 1047, "Mixed": ["1047", 1048], "Null": null,
                        "Empty": [], "One": ["1047"]})");
     const UserDefaults defaults(file);
     for (const char* key : {"Text", "Number", "Mixed", "Null", "Missing"})
         EXPECT_EQ(defaults.stringArray(key), std::nullopt) << key;
     EXPECT_EQ(defaults.stringArray("Empty"), QStringList());
     EXPECT_EQ(defaults.stringArray("One"), QStringList({"1047"}));
-    writeRaw(dir.filePath("bad.json"), R"({"Keys": ["1047")");
-    EXPECT_EQ(UserDefaults(dir.filePath("bad.json")).stringArray("Keys"), std::nullopt);
+    EXPECT_EQ(
+        UserDefaults(writeFile(dir.path(), "bad.json", R"({"Keys": ["1047")")).stringArray("Keys"),
+        std::nullopt);
 
     // The shapes that Qt's INI format gets wrong: empty, one element, commas, quotes.
     for (const QStringList& list : QList<QStringList>{
@@ -61,9 +55,7 @@ TEST(UserDefaults, OnlyAnArrayOfTextsIsAListAndAnEmptyOneIsNotAbsence)
     }
     // A save of one entry keeps the others, whatever their kind.
     EXPECT_EQ(UserDefaults(file).stringArray("One"), QStringList({"1047"}));
-    QFile saved(file);
-    ASSERT_TRUE(saved.open(QIODevice::ReadOnly));
-    const QByteArray json = saved.readAll();
+    const QByteArray json = contents(file);
     EXPECT_TRUE(json.contains(R"("Mixed")") && json.contains(R"("Text")")) << json.constData();
 }
 
@@ -93,8 +85,8 @@ TEST(UserDefaultsFaults, AFailedWriteKeepsTheOldStoreAndReturnsFalse)
         ::getrlimit(RLIMIT_FSIZE, &previousLimit);
         const rlimit small{rlim_t(QFileInfo(file).size() + 8), previousLimit.rlim_max};
         if (fullDisk)
-            writeRaw(dir.filePath("filler"),
-                     QByteArray(qsizetype(disk.f_bavail * disk.f_bsize) - 8192, 'x'));
+            writeFile(dir.path(), "filler",
+                      QByteArray(qsizetype(disk.f_bavail * disk.f_bsize) - 8192, 'x'));
         else
             ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
         const bool saved = defaults.setStringArray("Keys", QStringList(2000, "2001"));
@@ -103,9 +95,7 @@ TEST(UserDefaultsFaults, AFailedWriteKeepsTheOldStoreAndReturnsFalse)
 
         EXPECT_FALSE(saved);
         EXPECT_EQ(UserDefaults(file).stringArray("Keys"), QStringList({"1047", "1048"}));
-        QFile onDisk(file);
-        ASSERT_TRUE(onDisk.open(QIODevice::ReadOnly));
-        EXPECT_TRUE(onDisk.readAll().endsWith("\"1048\"\n    ]\n}\n"));
+        EXPECT_TRUE(contents(file).endsWith("\"1048\"\n    ]\n}\n"));
         EXPECT_EQ(QDir(dir.filePath("app")).entryList(QDir::Files), QStringList{"app.json"});
         if (fullDisk)
             ::umount2(root.constData(), MNT_DETACH);
@@ -115,25 +105,27 @@ TEST(UserDefaultsFaults, AFailedWriteKeepsTheOldStoreAndReturnsFalse)
 TEST(UserDefaultsFaults, LeftoversOfKilledSavesAndUnreadableCopiesAreBounded)
 {
     QTemporaryDir dir;
-    const QString file = dir.filePath("app/app.json");
+    const QString app = dir.filePath("app"), file = app + "/app.json";
+    QDir().mkpath(app);
     // What a save killed before its rename leaves: a temporary file full of keys.
     for (const char* name : {"app.json.Ab12Cd", "app.json.XXXXXX"})
-        writeRaw(dir.filePath(QStringLiteral("app/") + name), R"({"Keys": ["1047"]})");
+        writeFile(app, name, R"({"Keys": ["1047"]})");
     // Not ours: other names stay.
-    writeRaw(dir.filePath("app/app.json.backup"), "{}");
-    writeRaw(dir.filePath("app/other.json.Ab12Cd"), "{}");
+    writeFile(app, "app.json.backup", "{}");
+    writeFile(app, "other.json.Ab12Cd", "{}");
     for (int i = 0; i < 6; ++i) {
-        writeRaw(file, "not json " + QByteArray::number(i), 0644);
+        writeFile(app, "app.json", "not json " + QByteArray::number(i));
+        ::chmod(QFile::encodeName(file).constData(), 0644); // not the mode a save must leave
         ASSERT_TRUE(UserDefaults(file).setStringArray("Keys", {"1047"}));
     }
-    EXPECT_EQ(statusOf(file).st_mode & 0777, 0600u);
-    QStringList files = QDir(dir.filePath("app")).entryList(QDir::Files);
+    struct stat info = {};
+    EXPECT_TRUE(::stat(QFile::encodeName(file).constData(), &info) == 0 &&
+                (info.st_mode & 0777) == 0600);
+    QStringList files = QDir(app).entryList(QDir::Files);
     const QStringList copies = files.filter(".unreadable-");
     EXPECT_EQ(copies.size(), 3) << files.join(' ').toStdString();
     // The newest copies are the ones kept.
-    QFile newest(dir.filePath("app/" + copies.last()));
-    ASSERT_TRUE(newest.open(QIODevice::ReadOnly));
-    EXPECT_EQ(newest.readAll(), "not json 5");
+    EXPECT_EQ(contents(app + '/' + copies.last()), "not json 5");
     files.removeIf([](const QString& name) { return name.contains(".unreadable-"); });
     EXPECT_EQ(files, QStringList({"app.json", "app.json.backup", "other.json.Ab12Cd"}));
 }
