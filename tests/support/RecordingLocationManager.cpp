@@ -13,12 +13,4 @@ QString describe(const BeaconRegion* region)
            number(region->major) + u' ' + number(region->minor);
 }
 
-RecordingLocationManager::Installer::Installer()
-{
-    LocationManager::setFactory([this] {
-        last = std::make_shared<RecordingLocationManager>();
-        return last;
-    });
-}
-
 } // namespace Quorlix::Testing

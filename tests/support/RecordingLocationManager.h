@@ -40,7 +40,11 @@ public:
     /// the destructor restores the default factory.
     struct Installer
     {
-        Installer();
+        Installer()
+        {
+            LocationManager::setFactory(
+                [this] { return last = std::make_shared<RecordingLocationManager>(); });
+        }
         ~Installer() { LocationManager::setFactory({}); }
         std::shared_ptr<RecordingLocationManager> last;
     };
