@@ -28,7 +28,6 @@ TEST(MainQueue, RunsActionsInDueOrderNeverEarlyOnTheMainThread)
     MainQueue::after(149'000'001, [&] { ran << "149.000001 ms"; });
     MainQueue::after(1, [&] { ran << "1 ns"; });
     MainQueue::after(0, [&] { ran << "now"; });
-    MainQueue::after(-5, [&] { ran << "negative"; });
     std::unique_ptr<QThread> worker(QThread::create([&] {
         MainQueue::after(50'000'000, [&] {
             ran << (QThread::currentThread() == qApp->thread() ? "main" : "other");
@@ -36,8 +35,8 @@ TEST(MainQueue, RunsActionsInDueOrderNeverEarlyOnTheMainThread)
     }));
     worker->start();
     worker->wait();
-    Testing::runUntil([&] { return ran.size() == 6; }, 2000);
-    EXPECT_EQ(ran, (QStringList{"now", "negative", "1 ns", "main", "150 ms", "149.000001 ms"}));
+    Testing::runUntil([&] { return ran.size() == 5; }, 2000);
+    EXPECT_EQ(ran, (QStringList{"now", "1 ns", "main", "150 ms", "149.000001 ms"}));
     EXPECT_GE(lateActionAt, 150);
 }
 
