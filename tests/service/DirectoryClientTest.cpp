@@ -38,8 +38,7 @@ TEST(DirectoryClientDeathTest, BuildsUrlsAsGivenAndFetchesOnlyOverHttp)
 
     // clang-format off
     const std::pair<const char*, bool> cases[] = {
-        {"http://127.0.0.1:8080/api/device/1047", true}, {"http://h/a%2Fb", true},
-        {"http://h/api/device/majorminor/?major-minor=12-7", true}, {"http://h/a b", false},
+        {"http://h/a%2Fb", true}, {"http://h/a b", false},
         {"http://h/a%2", false}, {"http://h/a%zz", false}, {"http://h/\xc3\xa4", false},
         {"http://h/a\"b", false}, {"http://h/a<b>", false}, {"", false}};
     // clang-format on
