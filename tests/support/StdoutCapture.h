@@ -16,8 +16,6 @@ public:
         if (m_capturing)
             testing::internal::GetCapturedStdout();
     }
-    StdoutCapture(const StdoutCapture&) = delete;
-    StdoutCapture& operator=(const StdoutCapture&) = delete;
 
     /// Stops capturing and returns the lines written since the start.
     QStringList lines()
