@@ -163,20 +163,6 @@ TEST(SimulatedSource, RssiFollowsTheLogDistanceModelWithItsNoiseAndLoss)
     }
 }
 
-TEST(SimulatedSource, SameSeedSameTrafficOtherSeedOther)
-{
-    const auto run = [&](const QByteArray& seed) {
-        VirtualClock clock;
-        SimulatedSource source(scenario(
-            R"("major": 1, "minor": 1, "interval": 0.2, "loss": 0.3, "noise": 4, "path": [[0, 2]])",
-            seed));
-        return collect(source, clock, 60 * s);
-    };
-    const auto first = run("\"seed\": 5,");
-    EXPECT_EQ(first, run("\"seed\": 5,"));
-    EXPECT_NE(first, run("\"seed\": 6,"));
-}
-
 TEST(SimulatedSource, SilentWhileOutOfRangeOrNotScanning)
 {
     VirtualClock clock;
