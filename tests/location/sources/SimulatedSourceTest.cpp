@@ -25,8 +25,7 @@ const QByteArray frame1207 = "4c000215e187697975b543de92cb2bc1ad6ba999000c0007c5
 
 // Runs a source on a virtual clock and keeps what it delivers; pauseAt pauses scanning until
 // resumeAt.
-template <class Source>
-std::vector<Sighting> collect(Source& source, VirtualClock& clock, std::int64_t untilNs,
+std::vector<Sighting> collect(BeaconSource& source, VirtualClock& clock, std::int64_t untilNs,
                               std::int64_t pauseAt = 0, std::int64_t resumeAt = 0)
 {
     std::vector<Sighting> seen;
