@@ -81,18 +81,13 @@ TEST(LocationSettings, DefaultsComeFromTheCalibrationFileAndRefuseProblems)
     ASSERT_TRUE(calibrated().save(good, &error));
     // defaults() reads the environment once per process: each case runs in a fresh one. The good
     // file makes save and load round-trip.
-    EXPECT_EXIT(
-        {
-            qputenv(LocationSettings::fileVariable, good.toLocal8Bit());
-            std::exit(LocationSettings::defaults() == calibrated() ? 0 : 1);
-        },
-        testing::ExitedWithCode(0), "");
-    EXPECT_EXIT(
-        {
-            qputenv(LocationSettings::fileVariable, bad.toLocal8Bit());
-            std::exit(LocationSettings::defaults() == LocationSettings{} ? 0 : 1);
-        },
-        testing::ExitedWithCode(0), "quorlix.platform.location.*nearLimit.*built-in values stay");
+    const auto defaultsFrom = [](const QString& file, const LocationSettings& expected) {
+        qputenv(LocationSettings::fileVariable, file.toLocal8Bit());
+        std::exit(LocationSettings::defaults() == expected ? 0 : 1);
+    };
+    EXPECT_EXIT(defaultsFrom(good, calibrated()), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(defaultsFrom(bad, {}), testing::ExitedWithCode(0),
+                "quorlix.platform.location.*nearLimit.*built-in values stay");
 
     LocationSettings wrong;
     wrong.immediateLimitM = 5;

@@ -1,8 +1,5 @@
 #include "quorlix/location/SourceSelection.h"
 
-#include "quorlix/location/EngineLocationManager.h"
-
-#include "EventLoop.h"
 #include "Files.h"
 
 #include <gtest/gtest.h>
@@ -46,26 +43,6 @@ TEST(SourceSelection, UnusableChoicesAreNamedAndNeverReplaced)
     }
     qInstallMessageHandler(previous);
     qunsetenv(SourceSelection::variable);
-
-    // Without a bus, BlueZ still gives a working manager: it ranges on time and hears nothing.
-    struct Ranged : LocationManagerDelegate
-    {
-        int reports = 0;
-        qsizetype beacons = 0;
-        void didRangeBeacons(LocationManager*, const QList<Beacon>& list, BeaconRegion*) override
-        {
-            ++reports;
-            beacons += list.size();
-        }
-    } ranged;
-    const std::shared_ptr<LocationManager> manager = LocationManager::create();
-    ASSERT_NE(dynamic_cast<EngineLocationManager*>(manager.get()), nullptr);
-    manager->delegate = &ranged;
-    manager->startRangingBeacons(std::make_shared<BeaconRegion>(
-        BeaconRegion{QUuid::createUuid(), std::nullopt, std::nullopt, QStringLiteral("any")}));
-    EXPECT_TRUE(Testing::runUntil([&] { return ranged.reports > 0; }, 2000));
-    EXPECT_EQ(ranged.beacons, 0);
-    manager->delegate = nullptr;
 }
 
 } // namespace

@@ -75,14 +75,11 @@ void MockBlueZ::start()
     if (bluezOnBus())
         throw std::runtime_error("org.bluez is already owned on the test bus");
     m_process = std::make_unique<QProcess>();
-    m_process->setProgram(QStringLiteral(QUORLIX_MOCK_PYTHON));
-    m_process->setArguments({QStringLiteral("-m"), QStringLiteral("dbusmock"),
-                             QStringLiteral("--system"), QStringLiteral("--template"),
-                             QStringLiteral(QUORLIX_MOCK_TEMPLATE)});
     // The mock logs every call on stdout; its errors still reach stderr.
     m_process->setStandardOutputFile(QProcess::nullDevice());
     m_process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    m_process->start();
+    m_process->start(QStringLiteral(QUORLIX_MOCK_PYTHON),
+                     {"-m", "dbusmock", "--system", "--template", QUORLIX_MOCK_TEMPLATE});
     if (!m_process->waitForStarted())
         throw std::runtime_error("cannot run " QUORLIX_MOCK_PYTHON " -m dbusmock (Debian package "
                                  "python3-dbusmock)");
