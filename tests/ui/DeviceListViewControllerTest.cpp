@@ -14,7 +14,6 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
-#include <QWindow>
 
 #include <gtest/gtest.h>
 
@@ -77,8 +76,9 @@ TEST(DeviceListViewController, BuildsItsFixedLayoutOnceAndRowsFollowItemsAtEachR
     EXPECT_EQ(image.pixelColor(5, 100), QColor(Qt::white));
 }
 
-// Modal to the host window but owned only by its shared_ptr: it outlives the host. (What a
-// delegate hears of a click the pairing and desktop cases show.)
+// Owned only by its shared_ptr, not by the host it is modal to: it outlives the host. (What a
+// delegate hears of a click, and how the screen sits over the host, the pairing and desktop cases
+// show.)
 TEST(DeviceListViewController, ClosesOnAClickWithoutADelegate)
 {
     for (const int row : {1, -1}) {
@@ -88,8 +88,6 @@ TEST(DeviceListViewController, ClosesOnAClickWithoutADelegate)
         auto screen = std::make_shared<DeviceListViewController>();
         screen->items = {"1047", "1048", "2002"};
         screen->present(host.get());
-        EXPECT_TRUE(!screen->parent() && screen->windowModality() == Qt::WindowModal &&
-                    screen->windowHandle()->transientParent() == host->windowHandle());
         if (row < 0)
             host.reset();
         StdoutCapture capture;
