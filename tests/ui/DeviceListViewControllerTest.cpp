@@ -68,7 +68,6 @@ TEST(DeviceListViewController, BuildsItsFixedLayoutOnceAndRowsFollowItemsAtEachR
 
     screen.items = {"1047", "2002", "3100"};
     screen.table->reloadData();
-    ASSERT_EQ(screen.table->model()->rowCount(), 3);
     EXPECT_EQ(screen.table->model()->index(2, 0).data(), "3100");
     const QImage image = screen.grab().toImage();
     ASSERT_TRUE(image.save(QUORLIX_TEST_OUTPUT_DIR "/pairing-screen.png"));
