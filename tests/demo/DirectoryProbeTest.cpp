@@ -45,7 +45,6 @@ TEST(KeyStoreCheck, SetsAsideWhatTheDirectoryDoesNotKnowAndRestoresWhatItKnowsAg
     ASSERT_TRUE(store.setStringArray("VeskDeviceManagerKeys", {"1047", "9999", "10/47", "8"}));
     ASSERT_TRUE(store.setStringArray("QuorlixDemoSetAsideKeys", {"2001", "5555"}));
     const KeyStoreCheck::Result result = KeyStoreCheck::run(probe, store);
-    EXPECT_TRUE(result.problem.isEmpty()) << result.problem.toStdString();
     EXPECT_EQ(store.stringArray("VeskDeviceManagerKeys"), QStringList({"1047", "8", "2001"}));
     EXPECT_EQ(store.stringArray("QuorlixDemoSetAsideKeys"), QStringList({"9999", "10/47", "5555"}));
     ASSERT_EQ(result.notes.size(), 4) << result.notes.join('\n').toStdString();
