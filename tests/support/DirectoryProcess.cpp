@@ -34,19 +34,17 @@ DirectoryProcess::DirectoryProcess(const QString& devicesFile)
     m_process->start(QStringLiteral(QUORLIX_DIRECTORY_TOOL),
                      QStringList{QStringLiteral("0")} +
                          (devicesFile.isEmpty() ? QStringList() : QStringList{devicesFile}));
-    for (int attempt = 0; attempt < 500 && m_port == 0; ++attempt) {
+    // Its first line names the address it listens on; a line is whole once it ends.
+    for (int attempt = 0; attempt < 500 && m_host.isEmpty(); ++attempt) {
         QFile file(m_logFile);
-        if (file.open(QIODevice::ReadOnly)) {
-            const QByteArray first = file.readLine();
-            if (first.startsWith("listening on 127.0.0.1:") && first.endsWith('\n'))
-                m_port = first.trimmed().split(':').last().toInt();
-        }
-        if (m_port == 0)
+        const QByteArray first = file.open(QIODevice::ReadOnly) ? file.readLine() : QByteArray();
+        if (first.startsWith("listening on ") && first.endsWith('\n'))
+            m_host = QString::fromUtf8(first.mid(13).trimmed());
+        else
             QThread::msleep(10);
     }
-    if (m_port == 0)
+    if (m_host.isEmpty())
         throw std::runtime_error("quorlix-directory did not report its port");
-    m_host = QStringLiteral("127.0.0.1:%1").arg(m_port);
     qputenv("QUORLIX_DIRECTORY_HOST", m_host.toUtf8());
 }
 
@@ -59,11 +57,10 @@ DirectoryProcess::~DirectoryProcess()
 QStringList DirectoryProcess::requests() const
 {
     QFile file(m_logFile);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    QStringList lines = QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts);
     // The first two lines announce the port and the device file.
-    return lines.mid(2);
+    return file.open(QIODevice::ReadOnly)
+               ? QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts).mid(2)
+               : QStringList();
 }
 
 int unusedPort()
@@ -72,7 +69,6 @@ int unusedPort()
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = 0;
     socklen_t length = sizeof address;
     bind(fd, reinterpret_cast<sockaddr*>(&address), length);
     getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);

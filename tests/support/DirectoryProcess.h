@@ -16,18 +16,14 @@ public:
     /// Starts the service with devicesFile (empty: the sample devices).
     explicit DirectoryProcess(const QString& devicesFile = {});
     ~DirectoryProcess();
-    DirectoryProcess(const DirectoryProcess&) = delete;
-    DirectoryProcess& operator=(const DirectoryProcess&) = delete;
 
     /// "127.0.0.1:<port>"
     QString host() const { return m_host; }
-    int port() const { return m_port; }
     /// The request lines the service logged so far ("GET /api/device/1047 -> 200").
     QStringList requests() const;
 
 private:
     std::unique_ptr<QProcess> m_process;
-    int m_port = 0;
     QString m_host;
     QString m_logFile;
 };

@@ -1,6 +1,5 @@
 #include "quorlix/ui/DeviceListViewController.h"
 #include "quorlix/pairing/VeskDeviceManager.h"
-#include "quorlix/platform/Log.h"
 #include "quorlix/platform/UserDefaults.h"
 
 #include "EventLoop.h"
@@ -15,7 +14,6 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
-#include <QWindow>
 
 #include <gtest/gtest.h>
 
@@ -24,15 +22,11 @@ using namespace Quorlix::Testing;
 
 namespace {
 
-// Logs what it hears, so that its place among the screen's own log lines shows.
-struct LoggingDelegate : PairDelegate
+// Drops the last other reference to the screen when told, as a host forgetting it may.
+struct ReleasingDelegate : PairDelegate
 {
-    QStringList heard;
-    void itemPaired(const QString& item) override
-    {
-        heard << item;
-        Log::line("delegate heard " + item);
-    }
+    std::shared_ptr<DeviceListViewController> screen;
+    void itemPaired(const QString&) override { screen.reset(); }
 };
 
 struct CountingScreen : DeviceListViewController
@@ -58,7 +52,6 @@ void click(DeviceListViewController& screen, int row) // -1: the Cancel button
 TEST(DeviceListViewController, BuildsItsFixedLayoutOnceAndRowsFollowItemsAtEachReload)
 {
     CountingScreen screen;
-    EXPECT_EQ(screen.table, nullptr);
     for (const bool visible : {true, false, true})
         screen.setVisible(visible);
     screen.loadViewIfNeeded();
@@ -75,7 +68,6 @@ TEST(DeviceListViewController, BuildsItsFixedLayoutOnceAndRowsFollowItemsAtEachR
 
     screen.items = {"1047", "2002", "3100"};
     screen.table->reloadData();
-    ASSERT_EQ(screen.table->model()->rowCount(), 3);
     EXPECT_EQ(screen.table->model()->index(2, 0).data(), "3100");
     const QImage image = screen.grab().toImage();
     ASSERT_TRUE(image.save(QUORLIX_TEST_OUTPUT_DIR "/pairing-screen.png"));
@@ -83,56 +75,31 @@ TEST(DeviceListViewController, BuildsItsFixedLayoutOnceAndRowsFollowItemsAtEachR
     EXPECT_EQ(image.pixelColor(5, 100), QColor(Qt::white));
 }
 
-// Modal to the host window but owned only by its shared_ptr: it outlives the host.
-TEST(DeviceListViewController, ReportsAClickToTheDelegateThenCloses)
+// Owned only by its shared_ptr, not by the host it is modal to: it outlives the host, and its own
+// click handler when a delegate drops the last other reference during it. (What a delegate hears
+// of a click, and how the screen sits over the host, the pairing and desktop cases show.)
+TEST(DeviceListViewController, ClosesOnAClickOutlivingItsHostAndItsOwnHandler)
 {
-    const struct
-    {
-        int row; // -1: Cancel
-        bool withDelegate;
-        QStringList heard, log;
-    } cases[] = {{2, true, {"2002"}, {"delegate heard 2002"}},
-                 {1, false, {}, {}},
-                 {-1, true, {""}, {"delegate heard ", "canceling"}},
-                 {-1, false, {}, {"canceling"}}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.row);
+    for (const int row : {1, -1}) {
+        SCOPED_TRACE(row);
         auto host = std::make_unique<QWidget>();
         host->show();
-        auto delegate = std::make_shared<LoggingDelegate>();
         auto screen = std::make_shared<DeviceListViewController>();
         screen->items = {"1047", "1048", "2002"};
-        if (c.withDelegate)
-            screen->delegate = delegate;
         screen->present(host.get());
-        EXPECT_TRUE(!screen->parent() && screen->windowModality() == Qt::WindowModal &&
-                    screen->windowHandle()->transientParent() == host->windowHandle());
-        if (!c.withDelegate)
+        if (row < 0)
             host.reset();
         StdoutCapture capture;
-        click(*screen, c.row);
-        EXPECT_EQ(capture.lines(), c.log);
-        EXPECT_EQ(delegate->heard, c.heard);
+        click(*screen, row);
+        EXPECT_EQ(capture.lines(), row < 0 ? QStringList{"canceling"} : QStringList{});
         EXPECT_TRUE(!screen->isVisible() && (!host || host->isVisible()));
-    }
-}
 
-// Drops the last other reference to the screen when told, as a host forgetting it may.
-struct ReleasingDelegate : PairDelegate
-{
-    std::shared_ptr<DeviceListViewController> screen;
-    void itemPaired(const QString&) override { screen.reset(); }
-};
-
-TEST(DeviceListViewController, OutlivesItsOwnClickHandlerWhenReleasedDuringIt)
-{
-    for (const int row : {0, -1}) {
+        // Shown again, with a delegate that releases it when told.
         auto delegate = std::make_shared<ReleasingDelegate>();
-        delegate->screen = std::make_shared<DeviceListViewController>();
-        delegate->screen->items << "1047";
+        delegate->screen = std::exchange(screen, nullptr);
         delegate->screen->delegate = delegate;
         delegate->screen->show();
-        std::weak_ptr<DeviceListViewController> watch = delegate->screen;
+        const std::weak_ptr<DeviceListViewController> watch = delegate->screen;
         click(*delegate->screen, row);
         EXPECT_FALSE(watch.expired());
         QApplication::processEvents();
@@ -153,7 +120,7 @@ TEST(DeviceListViewControllerDeathTest, StopsOnMissingTableOrRowBeyondItems)
     EXPECT_DEATH(screen.cellForRowAtIndexPath(first), indexStop);
 
     screen.didSelectRowAtIndexPath(3); // without a delegate the list is not read
-    screen.delegate = std::make_shared<LoggingDelegate>();
+    screen.delegate = std::make_shared<ReleasingDelegate>();
     EXPECT_DEATH(screen.didSelectRowAtIndexPath(0), indexStop);
 }
 
@@ -208,12 +175,11 @@ protected:
 
     void SetUp() override
     {
-        if (QGuiApplication::platformName() != QStringLiteral("xcb")) {
-            const QString why = qEnvironmentVariable("QUORLIX_NO_DESKTOP");
-            GTEST_SKIP() << (why.isEmpty() ? "needs an X display with a window manager: ctest "
-                                             "runs this program in tests/ui/desktop-session.sh"
-                                           : why.toStdString());
-        }
+        if (QGuiApplication::platformName() != QStringLiteral("xcb"))
+            GTEST_SKIP() << qEnvironmentVariable("QUORLIX_NO_DESKTOP",
+                                                 "needs an X display with a window manager: ctest "
+                                                 "runs this program in tests/ui/desktop-session.sh")
+                                .toStdString();
         qputenv("XDG_CONFIG_HOME", QFile::encodeName(config.path()));
         host.setWindowTitle("Host");
         host.setGeometry(200, 120, 760, 560);
@@ -277,6 +243,7 @@ struct DesktopExit
     QString result;
 };
 
+// Names the case in the test's listing (gtest would show the struct's bytes).
 void PrintTo(const DesktopExit& c, std::ostream* out)
 {
     *out << c.name;
