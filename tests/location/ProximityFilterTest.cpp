@@ -44,5 +44,23 @@ TEST(ProximityFilter, BandsChangeOnlyPastTheMargin)
     }
 }
 
+TEST(ProximityFilter, AverageFollowsTimeNotReadingCount)
+{
+    // The same step from -60 to -70 seen at 10 Hz and at 1 Hz covers the same share of the way
+    // after the same time (within the approximation of the weight).
+    ProximityFilter fast;
+    ProximityFilter slow;
+    fast.addReading(0, -60);
+    slow.addReading(0, -60);
+    for (int i = 1; i <= 20; ++i)
+        fast.addReading(i * tenthNs, -70);
+    for (int i = 1; i <= 2; ++i)
+        slow.addReading(i * 10 * tenthNs, -70);
+    EXPECT_NEAR(fast.smoothedRssi(), slow.smoothedRssi(), 1.0);
+    // And after one time constant a bit more than half the step is done.
+    EXPECT_LT(fast.smoothedRssi(), -65.5);
+    EXPECT_GT(fast.smoothedRssi(), -67.5);
+}
+
 } // namespace
 } // namespace Quorlix
