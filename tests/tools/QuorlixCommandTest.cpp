@@ -178,8 +178,10 @@ TEST(QuorlixCommand, ScanShowsOtherFamiliesOnlyWithAllAndCalibrateStoresTheMedia
         EXPECT_EQ(rows.count({3, "5-6"}), all ? 1U : 0U);
     }
     const QString trace = home.filePath(QStringLiteral("one-metre.csv"));
-    runTool({"record", trace, "--source", "simulate:" + atOneMetre, "--fast", "--seconds", "30"},
-            home.path());
+    const ProgramRun recorded = runTool(
+        {"record", trace, "--source", "simulate:" + atOneMetre, "--fast", "--seconds", "30"},
+        home.path());
+    EXPECT_TRUE(recorded.err.isEmpty()) << recorded.err.toStdString(); // nothing after the end
     const QByteArray existing = R"({"exitPeriod": 12, "beacons": [{"uuid":
         "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 1, "minor": 2, "measuredPower": -70}]})";
     const QString given = home.filePath(QStringLiteral("given.json"));

@@ -53,7 +53,8 @@ std::optional<int> RecordCommand::start(const QCommandLineParser& parser,
         return complain(problem);
 
     m_feed->addListener([this](const Quorlix::Sighting& sighting) {
-        if (m_writeFailed)
+        // Virtual time may run on to the end of its step after end() closed the trace.
+        if (m_writeFailed || m_ended)
             return;
         if (!m_writer.write(m_feed->elapsedS(), sighting)) {
             m_writeFailed = true;
