@@ -170,12 +170,23 @@ TEST(QuorlixCommand, ScanShowsOtherFamiliesOnlyWithAllAndCalibrateStoresTheMedia
         "major": 12, "minor": 7, "measuredPower": -63, "interval": 0.1, "loss": 0.2, "noise": 3,
         "path": [[0, 1.0]]}, {"uuid": "2f234454-cf6d-4a0f-adf2-f4911ba9ffa6", "major": 5,
         "minor": 6, "path": [[0, 2]]}]})");
+    // The run with --all is also calibrated: the table follows the exponent and the band limits.
+    const QStringList calibrated{
+        "QUORLIX_CALIBRATION=" +
+        writeFile(home.path(), QStringLiteral("bands.json"),
+                  R"({"pathLossExponent": 4, "immediateLimit": 0.2, "nearLimit": 0.5})")};
     for (const bool all : {false, true}) {
         QStringList arguments{"scan",   "--source",  "simulate:" + atOneMetre,
                               "--fast", "--seconds", "3"};
-        const auto rows = scanRows(runTool(all ? arguments << "--all" : arguments, home.path()));
-        EXPECT_EQ(rows.count({3, "12-7"}), 1U);
+        const auto rows = scanRows(runProgram(QStringLiteral(QUORLIX_COMMAND),
+                                              all ? arguments << "--all" : arguments, home.path(),
+                                              all ? calibrated : QStringList()));
+        ASSERT_EQ(rows.count({3, "12-7"}), 1U);
         EXPECT_EQ(rows.count({3, "5-6"}), all ? 1U : 0U);
+        EXPECT_EQ(rows.at({3, "12-7"})[u"proximity"].toString(), QString(all ? "Far" : "Near"));
+        // -65 dBm from a -59 dBm beacon: 2 m at exponent 2, 1.41 m at 4.
+        EXPECT_NEAR(rows.at({3, all ? "5-6" : "12-7"})[u"distance"].toDouble(), all ? 1.41 : 1,
+                    0.25);
     }
     const QString trace = home.filePath(QStringLiteral("one-metre.csv"));
     const ProgramRun recorded = runTool(

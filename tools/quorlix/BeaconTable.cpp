@@ -7,6 +7,7 @@ namespace QuorlixTool {
 
 BeaconTable::BeaconTable(Quorlix::LocationSettings settings)
     : m_settings(std::move(settings))
+    , m_model{m_settings.pathLossExponent, m_settings.immediateLimitM, m_settings.nearLimitM}
 {}
 
 void BeaconTable::add(const Quorlix::Sighting& sighting)
@@ -18,7 +19,13 @@ void BeaconTable::add(const Quorlix::Sighting& sighting)
         found->firstNs = sighting.timeNs;
     }
     Entry& entry = *found;
-    entry.filter.addReading(sighting.timeNs, sighting.rssi);
+    // A receiver's calibrated offset applies to its own readings, as the region engine does it.
+    double offset = 0;
+    for (auto it = m_settings.rssiOffset.cbegin(); it != m_settings.rssiOffset.cend(); ++it) {
+        if (it.key().compare(QLatin1StringView(sighting.receiver), Qt::CaseInsensitive) == 0)
+            offset = it.value();
+    }
+    entry.filter.addReading(sighting.timeNs, sighting.rssi + offset);
     entry.lastNs = sighting.timeNs;
     entry.recent.push_back(sighting.timeNs);
     while (!entry.recent.empty() && entry.recent.front() <= sighting.timeNs - rateWindowNs)
@@ -45,9 +52,9 @@ std::vector<BeaconTable::Row> BeaconTable::rows(std::int64_t nowNs)
             std::clamp<std::int64_t>(nowNs - entry.firstNs, 1'000'000'000, rateWindowNs);
         Row row;
         row.id = it.key();
-        row.proximity = entry.filter.update(entry.measuredPower);
+        row.proximity = entry.filter.update(entry.measuredPower, m_model);
         row.rssi = static_cast<int>(std::lround(entry.filter.smoothedRssi()));
-        row.distanceM = entry.filter.distance(entry.measuredPower);
+        row.distanceM = entry.filter.distance(entry.measuredPower, m_model);
         row.readingsPerSecond =
             static_cast<double>(entry.recent.size()) * 1e9 / static_cast<double>(spanNs);
         row.lastHeardS = static_cast<double>(nowNs - entry.lastNs) / 1e9;

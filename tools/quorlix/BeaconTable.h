@@ -33,7 +33,8 @@ public:
     /// Readings per second are counted over this window.
     static constexpr std::int64_t rateWindowNs = 5'000'000'000;
 
-    /// Measured powers from calibration take the place of what adverts say.
+    /// Calibration applies as in the library's ranging: measured powers take the place of what
+    /// adverts say, receiver offsets, the path-loss exponent and the band limits count too.
     explicit BeaconTable(Quorlix::LocationSettings settings);
 
     void add(const Quorlix::Sighting& sighting);
@@ -57,6 +58,7 @@ private:
     };
 
     Quorlix::LocationSettings m_settings;
+    Quorlix::ProximityFilter::Model m_model;
     QHash<Quorlix::BeaconId, Entry> m_beacons;
 };
 

@@ -27,8 +27,8 @@ QString ScanCommand::description() const
                "output "
                "is not a terminal, every refresh prints one JSON object per beacon and line.\n"
                "Only the device family (proximity UUID %1) is shown unless --all is given. "
-               "Measured powers from the calibration file (QUORLIX_CALIBRATION) are used for "
-               "distance.")
+               "The calibration file (QUORLIX_CALIBRATION) counts as in watch: measured powers, "
+               "receiver offsets, the path-loss exponent and the band limits.")
         .arg(QString::fromUtf16(Quorlix::BeaconFamily::proximityUUIDText));
 }
 
