@@ -26,6 +26,8 @@ mount -t 9p -o trans=virtio,version=9p2000.L lab "$out" || {
     /bin/busybox poweroff -f
 }
 /bin/busybox ip link set lo up
+# shellcheck disable=SC1091
+source "$out/environment"
 
 if ! "$here/labctl.sh" up >"$out/setup.log" 2>&1; then
     {

@@ -87,12 +87,12 @@ sed -i "s|@GUEST_INIT@|$here/guest-init.sh|" "$run/initramfs/init"
 chmod +x "$run/initramfs/init"
 (cd "$run/initramfs" && find . | cpio -o -H newc --quiet) >"$run/initramfs.cpio"
 
-# The command, run from the current directory with the passed environment.
+# The command, run from the current directory; the passed environment also reaches labctl.sh.
+{ env | grep -E '^(QUORLIX_|GTEST_|QT_)[A-Za-z0-9_]*=' || true; } | while IFS='=' read -r name value; do
+    printf 'export %s=%q\n' "$name" "$value"
+done >"$run/out/environment"
 {
     echo "cd $(printf %q "$PWD")"
-    { env | grep -E '^(QUORLIX_|GTEST_|QT_)[A-Za-z0-9_]*=' || true; } | while IFS='=' read -r name value; do
-        printf 'export %s=%q\n' "$name" "$value"
-    done
     printf 'exec'
     printf ' %q' "$@"
     echo
