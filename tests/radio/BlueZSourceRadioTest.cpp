@@ -1,6 +1,7 @@
 // The BlueZ source on the real stack (run inside the radio lab, tests/radio/lab-vm.sh): Debian's
 // kernel and bluetoothd, BlueZ's emulated controllers, a 10 Hz beacon (major 12, minor 7) from
-// the lab's advertiser, hci1 and hci2 scanning. Each group of cases is one VM boot (CMakeLists.txt).
+// the lab's advertiser, hci1 and hci2 scanning. Each group of cases is one VM boot
+// (CMakeLists.txt).
 
 #include "RadioLab.h"
 
@@ -26,19 +27,23 @@ QSet<QByteArray> receivers(const std::vector<Listener::Heard>& heard)
 } // namespace
 
 // Without a discovery filter bluetoothd reports an unchanged RSSI only when it moved by 8 dBm, so
-// a still beacon goes quiet; with ours, every advert is a sighting. Both adapters hear the beacon.
+// a still beacon goes quiet; with ours, every advert is a sighting, on both adapters. Compared with
+// what the advertiser managed to send, since a loaded machine sends less than 10 Hz.
 TEST(BlueZSourceRadio, EveryAdvertOfEveryAdapterArrives)
 {
     labctl({"beacons", "12:7@10"});
     Listener listener;
     const QByteArray hci1 = adapterAddress(1), hci2 = adapterAddress(2);
     ASSERT_GE(listener.heardAgain(0, hci1, 15'000), 0) << "hci1 never heard the beacon";
-    const qint64 from = listener.now();
-    runFor(6000);
+    runFor(1500);
+    const qint64 from = listener.now(), sentBefore = advertsSent();
+    runFor(8000);
+    const qint64 sent = advertsSent() - sentBefore;
+    ASSERT_GE(sent, 8 * 3) << "the lab sent only " << sent << " adverts in 8 s";
     for (const QByteArray& adapter : {hci1, hci2}) {
-        const double perSecond = double(listener.since(from, adapter, 7).size()) / 6.0;
-        EXPECT_GE(perSecond, 6.0) << adapter.toStdString() << " relayed " << perSecond
-                                  << " readings/s of a 10 Hz beacon";
+        const auto readings = qint64(listener.since(from, adapter, 7).size());
+        EXPECT_GE(readings, sent * 7 / 10)
+            << adapter.toStdString() << " relayed " << readings << " of " << sent << " adverts";
     }
     const auto latest = listener.since(from);
     ASSERT_FALSE(latest.empty());
@@ -50,7 +55,7 @@ TEST(BlueZSourceRadio, TwentyBeaconsAtOnceAreAllHeard)
 {
     QStringList words;
     for (int minor = 1; minor <= 20; ++minor)
-        words << QStringLiteral("30:%1@2").arg(minor);
+        words << QStringLiteral("30:%1@1").arg(minor);
     labctl({"beacons", words.join(' ')});
     Listener listener;
     const QByteArray hci1 = adapterAddress(1);
@@ -63,7 +68,7 @@ TEST(BlueZSourceRadio, TwentyBeaconsAtOnceAreAllHeard)
                     minors.insert(h.sighting.minor);
             return minors.size() == 20;
         },
-        20'000);
+        30'000);
     EXPECT_EQ(minors.size(), 20) << "beacons heard: " << minors.size();
     labctl({"beacons", "12:7@10"});
 }
@@ -116,7 +121,8 @@ TEST(BlueZSourceRadio, RecoversFromEachFaultOfTheStack)
         for (const QByteArray& adapter : {hci1, hci2}) {
             const qint64 took = listener.heardAgain(back, adapter, 15'000);
             EXPECT_GE(took, 0) << adapter.toStdString() << " never heard again";
-            EXPECT_LE(took, recoveryMs) << adapter.toStdString() << " heard again after " << took << " ms";
+            EXPECT_LE(took, recoveryMs)
+                << adapter.toStdString() << " heard again after " << took << " ms";
         }
     }
     EXPECT_EQ(receivers(listener.since(0)), (QSet<QByteArray>{hci1, hci2}));

@@ -12,6 +12,7 @@
 #include <QDBusInterface>
 #include <QDBusReply>
 #include <QElapsedTimer>
+#include <QFile>
 #include <QProcess>
 #include <QStringList>
 
@@ -34,10 +35,18 @@ inline void labctl(const QStringList& arguments)
         << process.readAll().toStdString();
 }
 
+/// How many adverts the lab's advertiser has sent so far (counted once a second).
+inline qint64 advertsSent()
+{
+    QFile file(QStringLiteral("/run/lab/sent"));
+    return file.open(QIODevice::ReadOnly) ? file.readAll().trimmed().toLongLong() : 0;
+}
+
 /// The address of adapter hciN as bluetoothd reports it ("00:AA:01:01:00:01").
 inline QByteArray adapterAddress(int index)
 {
-    QDBusInterface adapter(QStringLiteral("org.bluez"), QStringLiteral("/org/bluez/hci%1").arg(index),
+    QDBusInterface adapter(QStringLiteral("org.bluez"),
+                           QStringLiteral("/org/bluez/hci%1").arg(index),
                            QStringLiteral("org.bluez.Adapter1"), QDBusConnection::systemBus());
     return adapter.property("Address").toString().toLatin1();
 }
@@ -52,7 +61,8 @@ public:
         Sighting sighting;
     };
 
-    explicit Listener(std::chrono::milliseconds restartInterval = BlueZSource::defaultRestartInterval)
+    explicit Listener(
+        std::chrono::milliseconds restartInterval = BlueZSource::defaultRestartInterval)
     {
         m_clock.start();
         m_source.setRestartInterval(restartInterval);

@@ -1,14 +1,15 @@
 // The radio lab's beacons: holds one virtual controller through an HCI user channel (so that
 // bluetoothd never uses it) and puts the family's iBeacon frames on the emulated air.
 //
-//   quorlix_lab_advertiser --hci N --beacons FILE [--ready FILE]
+//   quorlix_lab_advertiser --hci N --beacons FILE [--ready FILE] [--sent FILE]
 //
 // FILE lists the beacons as "MAJOR:MINOR@HZ" words and is read again whenever it changes (empty:
 // silence). BlueZ's controller emulator delivers one advertising report each time advertising is
 // enabled, not periodically, so each beacon's advert is one enable/disable pair at its rate, from
 // a static random address of its own (C0:51:major:minor) so that every beacon is a device of its
 // own to bluetoothd. While the controller is held, the ready file exists; when the controller goes
-// away (btvirt killed) the program waits for it to come back.
+// away (btvirt killed) the program waits for it to come back. The sent file holds how many adverts
+// went out so far (rewritten every second), so that a test can tell lost adverts from slow ones.
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -60,8 +61,7 @@ class Controller
 public:
     explicit Controller(int fd)
         : m_fd(fd)
-    {
-    }
+    {}
     ~Controller() { close(m_fd); }
     Controller(const Controller&) = delete;
     Controller& operator=(const Controller&) = delete;
@@ -70,8 +70,8 @@ public:
     // or refused it.
     bool command(std::uint16_t opcode, const std::vector<std::uint8_t>& params)
     {
-        std::vector<std::uint8_t> packet{0x01, std::uint8_t(opcode & 0xff), std::uint8_t(opcode >> 8),
-                                         std::uint8_t(params.size())};
+        std::vector<std::uint8_t> packet{0x01, std::uint8_t(opcode & 0xff),
+                                         std::uint8_t(opcode >> 8), std::uint8_t(params.size())};
         packet.insert(packet.end(), params.begin(), params.end());
         if (write(m_fd, packet.data(), packet.size()) != ssize_t(packet.size()))
             return false;
@@ -112,7 +112,8 @@ std::vector<Beacon> readBeacons(const std::string& path)
         if (!(parts >> beacon.major >> colon >> beacon.minor >> at >> beacon.hz) || colon != ':' ||
             at != '@' || beacon.major > 0xffff || beacon.minor > 0xffff || beacon.hz <= 0 ||
             beacon.hz > 100) {
-            std::fprintf(stderr, "advertiser: ignoring \"%s\" (expected MAJOR:MINOR@HZ)\n", word.c_str());
+            std::fprintf(stderr, "advertiser: ignoring \"%s\" (expected MAJOR:MINOR@HZ)\n",
+                         word.c_str());
             continue;
         }
         beacons.push_back(beacon);
@@ -122,9 +123,12 @@ std::vector<Beacon> readBeacons(const std::string& path)
 
 bool advertise(Controller& controller, const Beacon& beacon)
 {
-    const std::vector<std::uint8_t> address{std::uint8_t(beacon.minor), std::uint8_t(beacon.minor >> 8),
-                                            std::uint8_t(beacon.major), std::uint8_t(beacon.major >> 8),
-                                            0x51, 0xC0};
+    const std::vector<std::uint8_t> address{std::uint8_t(beacon.minor),
+                                            std::uint8_t(beacon.minor >> 8),
+                                            std::uint8_t(beacon.major),
+                                            std::uint8_t(beacon.major >> 8),
+                                            0x51,
+                                            0xC0};
     std::vector<std::uint8_t> data{30, 0x02, 0x01, 0x06, 0x1A, 0xFF, 0x4C, 0x00, 0x02, 0x15};
     data.insert(data.end(), familyUuid.begin(), familyUuid.end());
     data.insert(data.end(), {std::uint8_t(beacon.major >> 8), std::uint8_t(beacon.major),
@@ -136,25 +140,42 @@ bool advertise(Controller& controller, const Beacon& beacon)
 }
 
 // Advertises until the controller fails; returns to wait for it again.
-void run(Controller& controller, const std::string& beaconsPath, const std::string& readyPath)
+struct Paths
+{
+    std::string beacons, ready, sent;
+};
+
+void writeCount(const std::string& path, unsigned long count)
+{
+    if (path.empty())
+        return;
+    std::ofstream(path + ".new") << count << "\n";
+    std::rename((path + ".new").c_str(), path.c_str());
+}
+
+void run(Controller& controller, const Paths& paths, unsigned long& sent)
 {
     // Non-connectable undirected, 100 ms, all channels, from the random address.
     if (!controller.command(0x0C03, {}) ||
-        !controller.command(0x2006, {0xA0, 0x00, 0xA0, 0x00, 0x03, 0x01, 0x00, 0, 0, 0, 0, 0, 0, 0x07, 0x00})) {
+        !controller.command(
+            0x2006, {0xA0, 0x00, 0xA0, 0x00, 0x03, 0x01, 0x00, 0, 0, 0, 0, 0, 0, 0x07, 0x00})) {
         std::fprintf(stderr, "advertiser: the controller refused its set-up\n");
         return;
     }
-    if (!readyPath.empty())
-        std::ofstream(readyPath) << getpid() << "\n";
+    if (!paths.ready.empty())
+        std::ofstream(paths.ready) << getpid() << "\n";
+    auto counted = Clock::now();
     std::fprintf(stderr, "advertiser: holding the controller\n");
     std::vector<Beacon> beacons;
     timespec seen{};
     while (true) {
-        struct stat st{};
-        if (stat(beaconsPath.c_str(), &st) == 0 &&
-            (st.st_mtim.tv_sec != seen.tv_sec || st.st_mtim.tv_nsec != seen.tv_nsec || st.st_ino == 0)) {
+        struct stat st
+        {};
+        if (stat(paths.beacons.c_str(), &st) == 0 &&
+            (st.st_mtim.tv_sec != seen.tv_sec || st.st_mtim.tv_nsec != seen.tv_nsec ||
+             st.st_ino == 0)) {
             seen = st.st_mtim;
-            beacons = readBeacons(beaconsPath);
+            beacons = readBeacons(paths.beacons);
             std::fprintf(stderr, "advertiser: %zu beacons\n", beacons.size());
         }
         auto now = Clock::now();
@@ -165,6 +186,7 @@ void run(Controller& controller, const std::string& beaconsPath, const std::stri
                     std::fprintf(stderr, "advertiser: lost the controller\n");
                     return;
                 }
+                ++sent;
                 const auto period = std::chrono::duration_cast<Clock::duration>(
                     std::chrono::duration<double>(1.0 / beacon.hz));
                 // Falling behind (a loaded machine) must not turn into a burst to catch up.
@@ -172,6 +194,10 @@ void run(Controller& controller, const std::string& beaconsPath, const std::stri
                 now = Clock::now();
             }
             wake = std::min(wake, beacon.next);
+        }
+        if (now - counted >= std::chrono::seconds(1)) {
+            writeCount(paths.sent, sent);
+            counted = now;
         }
         std::this_thread::sleep_until(wake);
     }
@@ -182,21 +208,25 @@ void run(Controller& controller, const std::string& beaconsPath, const std::stri
 int main(int argc, char** argv)
 {
     int hci = -1;
-    std::string beaconsPath, readyPath;
+    Paths paths;
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string option = argv[i];
         if (option == "--hci")
             hci = std::atoi(argv[i + 1]);
         else if (option == "--beacons")
-            beaconsPath = argv[i + 1];
+            paths.beacons = argv[i + 1];
         else if (option == "--ready")
-            readyPath = argv[i + 1];
+            paths.ready = argv[i + 1];
+        else if (option == "--sent")
+            paths.sent = argv[i + 1];
     }
-    if (hci < 0 || beaconsPath.empty()) {
-        std::fprintf(stderr, "usage: quorlix_lab_advertiser --hci N --beacons FILE [--ready FILE]\n");
+    if (hci < 0 || paths.beacons.empty()) {
+        std::fprintf(stderr, "usage: quorlix_lab_advertiser --hci N --beacons FILE [--ready FILE] "
+                             "[--sent FILE]\n");
         return 2;
     }
     int lastError = 0;
+    unsigned long sent = 0;
     while (true) {
         const int fd = socket(afBluetooth, SOCK_RAW | SOCK_CLOEXEC, btprotoHci);
         if (fd < 0) {
@@ -207,12 +237,13 @@ int main(int argc, char** argv)
         if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
             lastError = 0;
             Controller controller(fd);
-            run(controller, beaconsPath, readyPath);
-            if (!readyPath.empty())
-                unlink(readyPath.c_str());
+            run(controller, paths, sent);
+            if (!paths.ready.empty())
+                unlink(paths.ready.c_str());
         } else {
             if (errno != lastError)
-                std::fprintf(stderr, "advertiser: hci%d not available yet: %s\n", hci, std::strerror(errno));
+                std::fprintf(stderr, "advertiser: hci%d not available yet: %s\n", hci,
+                             std::strerror(errno));
             lastError = errno;
             close(fd);
         }

@@ -75,7 +75,9 @@ start_bluetoothd() {
     mkdir -p /var/lib/bluetooth
     # AutoEnable as Debian ships it: adapters that appear are powered on by bluetoothd.
     printf '[General]\n[Policy]\nAutoEnable=true\n' >"$lab/main.conf"
-    /usr/libexec/bluetooth/bluetoothd -n -d -f "$lab/main.conf" >>"$out/bluetoothd.log" 2>&1 &
+    # The debug log goes to memory: written through 9p line by line it slows the guest enough that
+    # bluetoothd, never idle, stops emitting its D-Bus signals. "down" copies it out.
+    /usr/libexec/bluetooth/bluetoothd -n -d -f "$lab/main.conf" >>"$lab/bluetoothd.log" 2>&1 &
     echo $! >"$lab/bluetoothd.pid"
     wait_for 20 dbus-send --system --print-reply --dest=org.bluez / \
         org.freedesktop.DBus.ObjectManager.GetManagedObjects || die "bluetoothd did not appear on the bus"
@@ -122,6 +124,7 @@ claim_air() { # dmesg lines from before the controllers were made
 start_advertiser() {
     [[ -f "$lab/beacons" ]] || echo "12:7@10" >"$lab/beacons"
     "$bin/quorlix_lab_advertiser" --hci 0 --beacons "$lab/beacons" --ready "$lab/advertiser.ready" \
+        --sent "$lab/sent" \
         >>"$out/advertiser.log" 2>&1 &
     echo $! >"$lab/advertiser.pid"
 }
@@ -159,6 +162,7 @@ down)
     stop_pid bluetoothd
     stop_pid btvirt
     stop_pid dbus
+    cp "$lab/bluetoothd.log" "$out/" 2>/dev/null
     ;;
 bluetoothd)
     case "${2:-}" in
