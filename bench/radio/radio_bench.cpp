@@ -4,7 +4,8 @@
 //   tests/radio/lab-vm.sh -- build/bench/radio/bench_radio throughput [SECONDS]
 //   tests/radio/lab-vm.sh -- build/bench/radio/bench_radio gaps [SECONDS] [RESTART_MS]
 //
-// throughput: for 1 and 20 beacons (10 Hz each), readings per second that reach the consumer
+// throughput: for 1 beacon at 10 Hz and 20 beacons at 1 Hz each (the same air time), the adverts
+// the lab's advertiser sent per second and the readings per second that reach the consumer
 // through kernel, bluetoothd and D-Bus, with the CPU time per reading of this process and of
 // bluetoothd over the same window; first Quorlix's BlueZSource, then Qt's
 // QBluetoothDeviceDiscoveryAgent on the same feed as the yardstick. Every reading is one advert
@@ -83,8 +84,14 @@ QString beaconWords(int count)
 {
     QStringList words;
     for (int minor = 1; minor <= count; ++minor)
-        words << QStringLiteral("40:%1@10").arg(minor);
+        words << QStringLiteral("40:%1@%2").arg(minor).arg(count == 1 ? 10 : 1);
     return words.join(' ');
+}
+
+qint64 advertsSent()
+{
+    QFile file(QStringLiteral("/run/lab/sent"));
+    return file.open(QIODevice::ReadOnly) ? file.readAll().trimmed().toLongLong() : 0;
 }
 
 // A consumer scans from construction on and counts every reading that reaches it.
@@ -133,6 +140,7 @@ void throughput(qint64 seconds)
             auto consumer = make();
             runFor(4000); // discovery started, every beacon known to bluetoothd
             const quint64 before = consumer->readings;
+            const qint64 sentBefore = advertsSent();
             const double own = ownCpuMs(), daemon = bluetoothdCpuMs();
             runFor(seconds * 1000);
             const double readings = double(consumer->readings - before);

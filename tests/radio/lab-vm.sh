@@ -49,6 +49,7 @@ cleanup() {
     rm -rf "$run"
 }
 trap cleanup EXIT
+trap "exit 130" INT TERM
 
 # The initramfs: busybox, the modules that reach the shared root, and an init that switches to it.
 mkdir -p "$run/initramfs/bin" "$run/initramfs/modules" "$run/out"
@@ -110,7 +111,7 @@ started=$(date +%s)
 timeout --kill-after=5 "$timeout_s" "$qemu" \
     -accel "$accel" -cpu "$cpu" -smp 1 -m "${QUORLIX_LAB_MEMORY:-1024}" \
     -kernel "$kernel" -initrd "$run/initramfs.cpio" \
-    -append "console=ttyS0 panic=-1 quiet loglevel=4" \
+    -append "console=ttyS0 panic=-1 quiet loglevel=4 no_timer_check" \
     -virtfs "local,path=/,mount_tag=hostroot,security_model=none,readonly=on,multidevs=remap" \
     -virtfs "local,path=$run/out,mount_tag=lab,security_model=none" \
     -display none -monitor none -serial "file:$run/console.log" -nodefaults -no-reboot \

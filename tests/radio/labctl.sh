@@ -4,6 +4,9 @@
 #
 #   labctl.sh up | down
 #   labctl.sh bluetoothd stop|start      the daemon killed (SIGKILL) or started again
+#
+# A "start" or "on" returns once the scanning adapters are powered on D-Bus again: the stack is back
+# and the rest is up to its clients.
 #   labctl.sh controllers stop|start     btvirt killed (every virtual controller gone) or started again
 #   labctl.sh power hciN on|off          an adapter powered through bluetoothd's D-Bus API
 #   labctl.sh rssi DBM                   the RSSI every following advert carries
@@ -167,7 +170,7 @@ down)
 bluetoothd)
     case "${2:-}" in
     stop) stop_pid bluetoothd ;;
-    start) start_bluetoothd ;;
+    start) start_bluetoothd && wait_scanners ;;
     *) die "bluetoothd stop|start" ;;
     esac
     ;;
