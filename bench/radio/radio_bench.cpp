@@ -128,7 +128,7 @@ struct QtConsumer : Consumer
 
 void throughput(qint64 seconds)
 {
-    std::printf("%-12s %7s %12s %16s %20s\n", "consumer", "beacons", "readings/s",
+    std::printf("%-12s %7s %9s %12s %16s %20s\n", "consumer", "beacons", "adverts/s", "readings/s",
                 "own CPU ms/read", "bluetoothd ms/read");
     for (int beacons : {1, 20}) {
         labctl({QStringLiteral("beacons"), beaconWords(beacons)});
@@ -145,7 +145,8 @@ void throughput(qint64 seconds)
             runFor(seconds * 1000);
             const double readings = double(consumer->readings - before);
             const double perRead = std::max(readings, 1.0);
-            std::printf("%-12s %7d %12.1f %16.3f %20.3f\n", name, beacons,
+            std::printf("%-12s %7d %9.1f %12.1f %16.3f %20.3f\n", name, beacons,
+                        double(advertsSent() - sentBefore) / double(seconds),
                         readings / double(seconds), (ownCpuMs() - own) / perRead,
                         (bluetoothdCpuMs() - daemon) / perRead);
             std::fflush(stdout);
