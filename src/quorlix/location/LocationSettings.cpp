@@ -49,7 +49,8 @@ QJsonObject object(const QJsonValue& value, const QString& where,
     const QJsonObject members = value.toObject();
     for (auto it = members.begin(); it != members.end(); ++it) {
         if (std::find(known.begin(), known.end(), it.key()) == known.end())
-            throw SettingsError{where.isEmpty() ? it.key() : where + u'.' + it.key(),
+            throw SettingsError{where.isEmpty() ? SourceFile::quoted(it.key())
+                                                : where + u'.' + SourceFile::quoted(it.key()),
                                 QStringLiteral("unknown member")};
     }
     return members;
