@@ -7,8 +7,6 @@
 #include "ScanCommand.h"
 #include "WatchCommand.h"
 
-#include "quorlix/Version.h"
-
 #include <QCoreApplication>
 
 #include <cstdio>
@@ -36,7 +34,9 @@ void printOverview(std::FILE* to, const std::vector<std::unique_ptr<QuorlixTool:
     for (const auto& command : all)
         std::fprintf(to, "  %-10s %s\n", qPrintable(command->name()),
                      qPrintable(command->summary()));
-    std::fputs("\n'quorlix <command> --help' describes a command and its options.\n", to);
+    std::fputs("\n'quorlix <command> --help' describes a command and its options; "
+               "'quorlix --version' prints the version.\n",
+               to);
 }
 
 } // namespace
@@ -45,6 +45,7 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("quorlix"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(QUORLIX_VERSION));
     const QStringList arguments = QCoreApplication::arguments();
     const auto all = commands();
 
@@ -53,8 +54,8 @@ int main(int argc, char** argv)
         printOverview(stdout, all);
         return 0;
     }
-    if (first == u"--version") {
-        std::fputs(reinterpret_cast<const char*>(QuorlixVersionString), stdout);
+    if (first == u"--version" || first == u"-V") {
+        std::printf("quorlix %s\n", QUORLIX_VERSION);
         return 0;
     }
     for (const auto& command : all) {
