@@ -273,10 +273,11 @@ TEST(QuorlixCommand, ScanShowsOtherFamiliesOnlyWithAllAndCalibrateStoresTheMedia
 }
 
 // Calibration without naming a file: calibrate writes the user's file (XDG_CONFIG_HOME or
-// ~/.config) and says where; scan, with nothing set, then reads it. The beacon is 2 m away but
-// held to be at 1 m, so the stored power makes scan place it at 1 m.
+// ~/.config) and says where; scan and watch, with nothing set, then read it. The beacon is 2 m away
+// but held to be at 1 m, so the stored power makes scan place it at 1 m.
 TEST(QuorlixCommand, CalibrateThenScanWithoutTheVariableSeesTheNewDistance)
 {
+    DirectoryProcess directory;
     for (const bool xdg : {false, true}) {
         SCOPED_TRACE(xdg ? "XDG_CONFIG_HOME" : "~/.config");
         QTemporaryDir home;
@@ -289,20 +290,29 @@ TEST(QuorlixCommand, CalibrateThenScanWithoutTheVariableSeesTheNewDistance)
             home.filePath(xdg ? QStringLiteral("xdg/quorlix/calibration.json")
                               : QStringLiteral(".config/quorlix/calibration.json"));
         const QStringList source{"--source", "simulate:" + scenario, "--fast", "--seconds", "5"};
-        const auto distance = [&] {
-            const auto rows =
-                scanRows(runProgram(QStringLiteral(QUORLIX_COMMAND), QStringList{"scan"} + source,
-                                    home.path(), xdg ? settings : QStringList()));
+        // Scan's table and watch's ranging (the region engine) alike.
+        const auto distance = [&](bool watch) {
+            const ProgramRun run = runProgram(
+                QStringLiteral(QUORLIX_COMMAND),
+                (watch ? QStringList{"watch", "1047", "--json", "--directory", directory.host()}
+                       : QStringList{"scan"}) +
+                    source,
+                home.path(), xdg ? settings : QStringList());
+            if (watch)
+                return run.json().empty() ? -1 : run.json().back()[u"distance"].toDouble();
+            const auto rows = scanRows(run);
             return rows.count({5, "12-7"}) != 0 ? rows.at({5, "12-7"})[u"distance"].toDouble() : -1;
         };
-        EXPECT_NEAR(distance(), 2.0, 0.3);
+        EXPECT_NEAR(distance(false), 2.0, 0.3);
+        EXPECT_NEAR(distance(true), 2.0, 0.3);
         const ProgramRun calibrated =
             runProgram(QStringLiteral(QUORLIX_COMMAND), QStringList{"calibrate", "12-7"} + source,
                        home.path(), xdg ? settings : QStringList());
         ASSERT_EQ(calibrated.exitCode, 0) << calibrated.err.toStdString();
         EXPECT_TRUE(calibrated.out.contains(QStringLiteral("to ") + expected + u'\n'))
             << calibrated.out.toStdString();
-        EXPECT_NEAR(distance(), 1.0, 0.2);
+        EXPECT_NEAR(distance(false), 1.0, 0.2);
+        EXPECT_NEAR(distance(true), 1.0, 0.2);
     }
 }
 
