@@ -8,6 +8,7 @@
 #include "WatchCommand.h"
 
 #include <QCoreApplication>
+#include <QLoggingCategory>
 
 #include <cstdio>
 #include <memory>
@@ -46,6 +47,11 @@ int main(int argc, char** argv)
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("quorlix"));
     QCoreApplication::setApplicationVersion(QStringLiteral(QUORLIX_VERSION));
+    // What the BlueZ source waits for (the system bus, bluetoothd, an adapter) is the first thing
+    // a user without Bluetooth needs to see: shown even where a system-wide logging file silences
+    // informational lines. QT_LOGGING_RULES still decides over it.
+    QLoggingCategory::setFilterRules(QStringLiteral("quorlix.platform.bluez.info=true\n"
+                                                    "quorlix.platform.bluez.warning=true"));
     const QStringList arguments = QCoreApplication::arguments();
     const auto all = commands();
 
