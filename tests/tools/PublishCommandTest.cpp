@@ -38,42 +38,25 @@ void startBroker(QProcess& broker, int port)
     startBroker(broker, {"-p", QString::number(port)});
 }
 
-// Runs a command of the test's own (openssl, mosquitto_passwd) to its end; false when it fails.
-bool run(const QString& program, const QStringList& arguments, const QString& dir)
-{
-    QProcess process;
-    process.setWorkingDirectory(dir);
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(program, arguments);
-    const bool ok = process.waitForFinished(30000) &&
-                    process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
-    EXPECT_TRUE(ok) << program.toStdString() << ": " << process.readAll().toStdString();
-    return ok;
-}
-
 // A certificate authority that signed the broker's certificate (for 127.0.0.1), another that did
 // not, and a password file with one user; all made fresh in dir.
 bool makeCredentials(const QString& dir)
 {
-    const QString openssl = QStringLiteral(QUORLIX_OPENSSL);
-    const auto authority = [&](const QString& name) {
-        return run(openssl,
-                   {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
-                    "/CN=" + name, "-keyout", name + ".key", "-out", name + ".pem"},
-                   dir);
-    };
-    writeFile(dir, QStringLiteral("san.cnf"), "subjectAltName=IP:127.0.0.1,DNS:localhost\n");
-    return authority(QStringLiteral("ca")) && authority(QStringLiteral("other-ca")) &&
-           run(openssl,
-               {"req", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=localhost", "-keyout",
-                "server.key", "-out", "server.csr"},
-               dir) &&
-           run(openssl,
-               {"x509", "-req", "-in", "server.csr", "-CA", "ca.pem", "-CAkey", "ca.key",
-                "-CAcreateserial", "-days", "2", "-extfile", "san.cnf", "-out", "server.pem"},
-               dir) &&
-           run(QStringLiteral(QUORLIX_MOSQUITTO_PASSWD),
-               {"-c", "-b", "passwd", "kitchen", "s3cret"}, dir);
+    QProcess make;
+    make.setWorkingDirectory(dir);
+    make.setProcessChannelMode(QProcess::MergedChannels);
+    make.start(QStringLiteral("/bin/sh"), {"-ec", R"(
+        for ca in ca other-ca; do "$1" req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=$ca \
+            -keyout $ca.key -out $ca.pem; done
+        "$1" req -newkey rsa:2048 -nodes -subj /CN=localhost -keyout server.key -out server.csr
+        echo subjectAltName=IP:127.0.0.1,DNS:localhost > san.cnf
+        "$1" x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 \
+            -extfile san.cnf -out server.pem
+        "$2" -c -b passwd kitchen s3cret)",
+                                           "sh", QUORLIX_OPENSSL, QUORLIX_MOSQUITTO_PASSWD});
+    const bool made = make.waitForFinished(60000) && make.exitCode() == 0;
+    EXPECT_TRUE(made) << make.readAll().toStdString();
+    return made;
 }
 
 // Waits (bounded) until what a new subscriber receives as retained satisfies done; returns the
@@ -234,7 +217,6 @@ TEST(PublishCommand, LoginAndTlsConnectAndWhatRetryingCannotFixEndsWithStatusOne
         {"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 12, "minor": 7,
          "path": [[0, 1.0]]}]})");
     const QString password = writeFile(dir.path(), QStringLiteral("password"), "s3cret\n");
-    const QString wrong = writeFile(dir.path(), QStringLiteral("wrong"), "guess\n");
     const QString ca = dir.filePath(QStringLiteral("ca.pem"));
     const QString otherCa = dir.filePath(QStringLiteral("other-ca.pem"));
     const QStringList login{"--username", "kitchen", "--password-file", password};
@@ -256,27 +238,12 @@ TEST(PublishCommand, LoginAndTlsConnectAndWhatRetryingCannotFixEndsWithStatusOne
           "QUORLIX_MQTT_CLIENT_ID=kitchen-sensor"},
          0,
          "connected to 127.0.0.1:"},
-        {QStringList{"--broker", at(tls), "--capath", dir.path()} + login, {}, 1, "TLS"},
         {{"--broker", at(plain)}, {}, 1, "the broker refused: Connection Refused: not authorised"},
-        {{"--broker", at(plain), "--username", "kitchen", "--password-file", wrong},
-         {},
-         1,
-         "the broker refused: Connection Refused"},
-        {QStringList{"--broker", at(tls), "--cafile", otherCa} + login,
-         {},
-         1,
-         "retrying cannot help"},
+        {QStringList{"--broker", at(tls), "--cafile", otherCa} + login, {}, 1, "TLS failed"},
         // Nothing listens: retried, said at once and again after 5 s, and never a failure.
         {{"--broker", at(nobody)}, {}, 0, "still cannot connect to 127.0.0.1:"},
         {{"--broker", at(plain), "--fast"}, {}, 2, "--fast is not for publish"},
         {{"--broker", at(plain), "--password-file", password}, {}, 2, "needs --username"},
-        {QStringList{"--broker", at(plain), "--username", "kitchen", "--password-file",
-                     dir.filePath("none")},
-         {},
-         2,
-         "--password-file: cannot read"},
-        {{"--broker", at(tls), "--cafile", dir.filePath("none")}, {}, 2, "is not a file"},
-        {{"--broker", at(plain), "--client-id", ""}, {}, 2, "--client-id wants"},
     };
     // All at once: most of them wait for their --seconds.
     std::vector<std::unique_ptr<QProcess>> runs;

