@@ -161,9 +161,15 @@ TEST_F(BlueZSourceTest, DiscoveryRunsExactlyWhileScanningIsWantedAndOnlyFreshRss
 {
     mock.addAdapter(hci0);
     const QString beacon = mock.addBeacon(hci0, u"C0:FF:EE:00:00:04"_s, -60, apple, frame(1200, 7));
+    const QString known = mock.addBeacon(hci0, u"C0:FF:EE:00:00:05"_s, -60, apple, frame(1200, 5));
     const auto source = makeSource(true);
     source->setScanning(true); // wanted twice: still one discovery session
     ASSERT_TRUE(waitForLog(hci0, {filterLine, start}));
+    // bluetoothd sends a known beacon's data again only when it changes: its frame comes from the
+    // object list, and an RSSI update alone is a sighting.
+    mock.changeRssi(known, -65);
+    ASSERT_TRUE(waitForSightings(1));
+    EXPECT_EQ(sightings.takeFirst(), expected(0, "C0:FF:EE:00:00:05", 1200, 5, -65));
     // An RSSI is a reading only when it came with this signal or an earlier one of this scan: the
     // old reading of a device known before the start, or one bluetoothd invalidated, is never
     // passed on by a signal that carries only the advert data.
