@@ -98,11 +98,19 @@ TEST(BlueZSourceRadio, RecoversFromEachFaultOfTheStack)
     {
         const char* name;
         QStringList stop, start;
+        int withinMs;
     };
+    // A crashed bluetoothd leaves the kernel scanning for the rest of its LE discovery window
+    // (10.24 s from the dead daemon's last start), and a new discovery is refused until it ends:
+    // heard again within 3 s of that at the latest.
     const Fault faults[] = {
-        {"bluetoothd killed", {"bluetoothd", "stop"}, {"bluetoothd", "start"}},
-        {"controllers gone", {"controllers", "stop"}, {"controllers", "start"}},
-        {"hci1 powered off", {"power", "hci1", "off"}, {"power", "hci1", "on"}},
+        {"bluetoothd restarted", {"bluetoothd", "stop"}, {"bluetoothd", "start"}, recoveryMs},
+        {"bluetoothd crashed",
+         {"bluetoothd", "crash"},
+         {"bluetoothd", "start"},
+         10240 + recoveryMs},
+        {"controllers gone", {"controllers", "stop"}, {"controllers", "start"}, recoveryMs},
+        {"hci1 powered off", {"power", "hci1", "off"}, {"power", "hci1", "on"}, recoveryMs},
     };
     for (const Fault& fault : faults) {
         SCOPED_TRACE(fault.name);
@@ -119,9 +127,9 @@ TEST(BlueZSourceRadio, RecoversFromEachFaultOfTheStack)
         labctl(fault.start);
         const qint64 back = listener.now();
         for (const QByteArray& adapter : {hci1, hci2}) {
-            const qint64 took = listener.heardAgain(back, adapter, 15'000);
+            const qint64 took = listener.heardAgain(back, adapter, 20'000);
             EXPECT_GE(took, 0) << adapter.toStdString() << " never heard again";
-            EXPECT_LE(took, recoveryMs)
+            EXPECT_LE(took, fault.withinMs)
                 << adapter.toStdString() << " heard again after " << took << " ms";
         }
     }

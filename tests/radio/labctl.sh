@@ -3,7 +3,9 @@
 # the faults the tests ask for.
 #
 #   labctl.sh up | down
-#   labctl.sh bluetoothd stop|start      the daemon killed (SIGKILL) or started again
+#   labctl.sh bluetoothd stop|crash|start  the daemon stopped (SIGTERM, as systemctl does: it
+#                                        powers its adapters off), killed (SIGKILL: the kernel
+#                                        goes on with its scan), or started again
 #
 # A "start" or "on" returns once the scanning adapters are powered on D-Bus again: the stack is back
 # and the rest is up to its clients.
@@ -40,7 +42,7 @@ stop_pid() {
     [[ -f "$file" ]] || return 0
     pid="$(cat "$file")"
     rm -f "$file"
-    kill -KILL "$pid" 2>/dev/null
+    kill "-${2:-KILL}" "$pid" 2>/dev/null
     wait_for 5 bash -c "! kill -0 $pid" || log "$1 ($pid) did not stop"
 }
 
@@ -169,9 +171,10 @@ down)
     ;;
 bluetoothd)
     case "${2:-}" in
-    stop) stop_pid bluetoothd ;;
+    stop) stop_pid bluetoothd TERM ;;
+    crash) stop_pid bluetoothd KILL ;;
     start) start_bluetoothd && wait_scanners ;;
-    *) die "bluetoothd stop|start" ;;
+    *) die "bluetoothd stop|crash|start" ;;
     esac
     ;;
 controllers)

@@ -258,8 +258,9 @@ constexpr int callTimeoutMs = 5000;
 // How long Discovering may stay false under our session before we take it as lost; bluetoothd
 // passes through false for a moment when it restarts its own scan.
 constexpr auto discoveryGrace = std::chrono::seconds(1);
+constexpr int quickRetries = 12;
 // A refused start is tried again after this, when no periodic restart came first.
-constexpr auto startRetry = std::chrono::seconds(2);
+constexpr auto startRetry = std::chrono::seconds(1);
 // Recoveries that hear nothing back off up to this, so that a silent room logs little.
 constexpr auto longestBackoff = std::chrono::seconds(60);
 
@@ -610,6 +611,8 @@ void BlueZSource::Private::onAdapterPropertiesChanged(const QDBusMessage& messag
         adapter->discovering = discovering->toBool();
         if (!adapter->discovering)
             adapter->notDiscoveringSince = Steady::now();
+        else if (adapter->session)
+            adapter->strikes = 0;
     }
     const auto powered = changed.constFind(QStringLiteral("Powered"));
     if (powered == changed.constEnd() || powered->typeId() != QMetaType::Bool ||
@@ -745,8 +748,12 @@ void BlueZSource::Private::supervise()
                 advance(it.key());
             continue;
         }
+        // A failed start after a bluetoothd crash looks like this too: the kernel still runs the
+        // dead daemon's scan (up to 10.24 s) and refuses a new one, and bluetoothd reports that
+        // as "in progress". So the first few tries come quickly, one a second.
         if (!adapter.discovering &&
-            now - adapter.notDiscoveringSince >= backedOff(discoveryGrace, adapter.strikes)) {
+            now - adapter.notDiscoveringSince >=
+                backedOff(discoveryGrace, std::max(0, adapter.strikes - quickRetries))) {
             qCWarning(lcBlueZ).noquote()
                 << "adapter" << it.key()
                 << "stopped discovering while we scan (Discovering is false); starting it again";
