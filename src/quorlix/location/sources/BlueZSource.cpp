@@ -255,10 +255,11 @@ namespace {
 
 // Bounds every discovery call: a bluetoothd that does not answer must not hold an adapter busy.
 constexpr int callTimeoutMs = 5000;
-// How long Discovering may stay false under our session before we take it as lost; bluetoothd
-// passes through false for a moment when it restarts its own scan.
-constexpr auto discoveryGrace = std::chrono::seconds(1);
-constexpr int quickRetries = 12;
+// How long Discovering may stay false under our session, with nothing heard, before we take the
+// session as lost: bluetoothd passes through false when it restarts its own scan, and a starved
+// bluetoothd reports true late after granting a start.
+constexpr auto discoveryGrace = std::chrono::seconds(2);
+constexpr int quickRetries = 8;
 // A refused start is tried again after this, when no periodic restart came first.
 constexpr auto startRetry = std::chrono::seconds(1);
 // Recoveries that hear nothing back off up to this, so that a silent room logs little.
@@ -748,10 +749,11 @@ void BlueZSource::Private::supervise()
                 advance(it.key());
             continue;
         }
-        // A failed start after a bluetoothd crash looks like this too: the kernel still runs the
-        // dead daemon's scan (up to 10.24 s) and refuses a new one, and bluetoothd reports that
-        // as "in progress". So the first few tries come quickly, one a second.
-        if (!adapter.discovering &&
+        // Adverts still heard mean discovery works, whatever the flag says. A failed start after
+        // a bluetoothd crash looks like a lost session too: the kernel still runs the dead
+        // daemon's scan and refuses a new one, which bluetoothd reports as "in progress". So the
+        // first few tries come quickly.
+        if (!adapter.discovering && adapter.lastHeard <= adapter.notDiscoveringSince &&
             now - adapter.notDiscoveringSince >=
                 backedOff(discoveryGrace, std::max(0, adapter.strikes - quickRetries))) {
             qCWarning(lcBlueZ).noquote()
