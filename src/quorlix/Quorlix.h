@@ -1,7 +1,7 @@
 #pragma once
 
-/// Everything a host needs: the two managers, the device record, the pairing screen and the
-/// location service they run on.
+/// Everything a host needs: the two managers, the device record, the pairing screen, the location
+/// service they run on and the directory check that spares a host their fatal stops.
 
 #include "quorlix/Version.h"
 #include "quorlix/events/VeskEventManager.h"
@@ -11,5 +11,6 @@
 #include "quorlix/model/VeskDevice.h"
 #include "quorlix/pairing/VeskDeviceManager.h"
 #include "quorlix/platform/UserDefaults.h"
+#include "quorlix/service/DirectoryProbe.h"
 #include "quorlix/ui/DeviceListViewController.h"
 #include "quorlix/ui/PairDelegate.h"
