@@ -1,0 +1,6 @@
+#include "HostWidget.h"
+
+const char* HostWidget::name()
+{
+    return staticMetaObject.className();
+}
