@@ -70,6 +70,7 @@ endforeach()
 # pkg-config names Qt by its modules (paths with a version break at Qt's next point release) and
 # leaves code generation and the language standard to the consumer.
 file(READ ${prefix}/lib/pkgconfig/quorlix.pc pc)
+string(REGEX REPLACE "#[^\n]*" "" pc "${pc}")
 if(pc MATCHES "(-fPIC|-std=|\\.so|/usr/)" OR NOT pc MATCHES "\nRequires: Qt6Core Qt6Widgets\n")
     message(FATAL_ERROR "quorlix.pc pins paths or flags (${CMAKE_MATCH_1}):\n${pc}")
 endif()

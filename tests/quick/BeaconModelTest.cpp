@@ -102,12 +102,15 @@ TEST(BeaconModel, RowsFollowTheBeaconsInRangeNearestFirst)
     now = at(4.5);
     ASSERT_EQ(names(now), QStringList({"12-8", "12-7", "300-1"}));
     EXPECT_EQ(now[0].proximity, Proximity::Immediate);
+    // A view holds on to its items by index: they must follow their beacon as the order changes.
+    const QPersistentModelIndex held = model.index(0);
 
     // 300-1 has gone quiet: kept a while as Unknown, last, with the time it was last heard.
     const QDateTime lastHeardBefore = at(7.5)[2].lastHeard;
     QThread::msleep(20);
     now = at(9);
     ASSERT_EQ(names(now), QStringList({"12-7", "12-8", "300-1"}));
+    EXPECT_EQ(held.row(), 1);
     EXPECT_EQ(now[2].proximity, Proximity::Unknown);
     EXPECT_EQ(now[2].rssi, 0);
     EXPECT_LT(now[2].distance, 0);
