@@ -13,29 +13,6 @@
 using namespace Quorlix;
 using Quorlix::Quick::DevicePresence;
 
-namespace {
-
-// Sets an environment variable for one scope.
-class ScopedEnv
-{
-public:
-    ScopedEnv(const char* name, const QByteArray& value)
-        : m_name(name)
-        , m_old(qgetenv(name))
-        , m_had(qEnvironmentVariableIsSet(name))
-    {
-        qputenv(name, value);
-    }
-    ~ScopedEnv() { m_had ? qputenv(m_name, m_old) : qunsetenv(m_name); }
-
-private:
-    const char* m_name;
-    QByteArray m_old;
-    bool m_had;
-};
-
-} // namespace
-
 // Where the event manager would stop the process, the facade reports, and stays usable.
 TEST(DevicePresence, ReportsWhatWouldStopTheManagerAsItsError)
 {
@@ -60,8 +37,8 @@ TEST(DevicePresence, ReportsWhatWouldStopTheManagerAsItsError)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.deviceId + (" " + c.directory.toStdString()));
-        ScopedEnv directory("QUORLIX_DIRECTORY_HOST", c.directory);
-        ScopedEnv calibration("QUORLIX_CALIBRATION", c.calibration.toUtf8());
+        qputenv("QUORLIX_DIRECTORY_HOST", c.directory);
+        qputenv("QUORLIX_CALIBRATION", c.calibration.toUtf8());
         DevicePresence presence;
         QSignalSpy errors(&presence, &DevicePresence::errorOccurred);
         presence.setDeviceId(QString::fromUtf8(c.deviceId));
@@ -73,6 +50,7 @@ TEST(DevicePresence, ReportsWhatWouldStopTheManagerAsItsError)
         EXPECT_TRUE(presence.majorMinor().isEmpty());
         EXPECT_FALSE(presence.isPresent());
     }
+    qunsetenv("QUORLIX_CALIBRATION");
 }
 
 // A QML host with nothing but `import Quorlix`: the simulated device comes, is ranged and leaves,
@@ -90,7 +68,7 @@ TEST(DevicePresence, QmlHostSeesTheDeviceComeRangeAndGo)
         {"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 12, "minor": 8,
          "measuredPower": -59, "interval": 0.1, "loss": 0, "noise": 0, "path": [[0, 3.5], [60, 3.5]]}
       ]})");
-    ScopedEnv source("QUORLIX_LOCATION_SOURCE", ("simulate:" + scenario).toUtf8());
+    qputenv("QUORLIX_LOCATION_SOURCE", ("simulate:" + scenario).toUtf8());
     // The library reads its calibration file once per process, so the short exit period is set
     // directly.
     LocationSettings settings;

@@ -66,10 +66,8 @@ TEST(DirectoryProbe, AnswersWhatTheManagersWouldMakeOfTheDirectory)
 
     // An unreachable service is not mistaken for an unknown device.
     const QString host = QStringLiteral("127.0.0.1:%1").arg(Quorlix::Testing::unusedPort());
-    for (const DirectoryProbe::Answer& answer :
-         {DirectoryProbe(host).lookUp("1047"), DirectoryProbe(host).lookUpMajorMinor("12-7")}) {
-        EXPECT_FALSE(answer.reachable);
-        EXPECT_TRUE(answer.problem.contains("does not answer") && answer.problem.contains(host))
-            << answer.problem.toStdString();
-    }
+    const DirectoryProbe::Answer answer = DirectoryProbe(host).lookUpMajorMinor("12-7");
+    EXPECT_FALSE(answer.reachable);
+    EXPECT_TRUE(answer.problem.contains("does not answer") && answer.problem.contains(host))
+        << answer.problem.toStdString();
 }

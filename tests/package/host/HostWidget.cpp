@@ -1,6 +1,0 @@
-#include "HostWidget.h"
-
-const char* HostWidget::name()
-{
-    return staticMetaObject.className();
-}
