@@ -22,28 +22,20 @@ install(FILES ${PROJECT_BINARY_DIR}/QuorlixConfig.cmake
     ${PROJECT_BINARY_DIR}/QuorlixConfigVersion.cmake
     DESTINATION ${QUORLIX_INSTALL_CMAKEDIR})
 
-# pkg-config. Debian's Qt 6 ships no .pc files, so the Qt flags are written out here; a static
-# library also names its private dependencies for the consumer's link.
-set(qt_modules Qt6::Widgets Qt6::Gui Qt6::Core)
+# pkg-config, as Debian's own libraries do it: the Qt modules by their .pc names, never paths. A
+# static library's own dependencies are private (pkg-config --static adds them); curl by its flag,
+# since Debian's libcurl.pc would ask for every library of a static curl.
+set(QUORLIX_PC_REQUIRES_PRIVATE "")
+set(QUORLIX_PC_LIBS_PRIVATE "")
 if(NOT BUILD_SHARED_LIBS)
-    list(PREPEND qt_modules Qt6::DBus)
-    set(QUORLIX_PC_LIBS_EXTRA " -lcurl")
+    set(QUORLIX_PC_REQUIRES_PRIVATE " Qt6DBus")
+    set(QUORLIX_PC_LIBS_PRIVATE " -lcurl")
 endif()
-set(qt_includes "")
-set(QUORLIX_PC_QT_LIBS "")
-foreach(module ${qt_modules})
-    list(APPEND qt_includes "$<TARGET_PROPERTY:${module},INTERFACE_INCLUDE_DIRECTORIES>")
-    string(APPEND QUORLIX_PC_QT_LIBS " $<TARGET_LINKER_FILE:${module}>")
-endforeach()
-# Each directory once, and never the compiler's own /usr/include.
-set(QUORLIX_PC_QT_CFLAGS
-    " -I$<JOIN:$<FILTER:$<REMOVE_DUPLICATES:${qt_includes}>,EXCLUDE,^/usr/include$>, -I>")
 # Relative to the .pc file itself, so that the same file serves `cmake --install --prefix` and
 # the Debian package (which installs into /usr whatever prefix was configured).
 file(RELATIVE_PATH QUORLIX_PC_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 string(REGEX REPLACE "/$" "" QUORLIX_PC_PREFIX "\${pcfiledir}/${QUORLIX_PC_PREFIX}")
-configure_file(${PROJECT_SOURCE_DIR}/cmake/quorlix.pc.in ${PROJECT_BINARY_DIR}/quorlix.pc.in @ONLY)
-file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/quorlix.pc INPUT ${PROJECT_BINARY_DIR}/quorlix.pc.in)
+configure_file(${PROJECT_SOURCE_DIR}/cmake/quorlix.pc.in ${PROJECT_BINARY_DIR}/quorlix.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/quorlix.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 # Programs find their data in <prefix>/share/quorlix, next to their own bin directory.

@@ -5,12 +5,13 @@ set -euo pipefail
 cd "${1:-$(dirname "$0")/..}/src/quorlix"
 # folder: the folders it must not include
 declare -A forbidden=(
-    [model]="service events pairing ui platform location"
-    [service]="events pairing ui location"
-    [platform]="model service events pairing ui location"
-    [location]="model service events pairing ui platform"
-    [ui]="service events pairing location"
-    [events]="pairing ui"
+    [model]="service events pairing ui platform location quick"
+    [service]="events pairing ui location quick"
+    [platform]="model service events pairing ui location quick"
+    [location]="model service events pairing ui platform quick"
+    [ui]="service events pairing location quick"
+    [events]="pairing ui quick"
+    [pairing]="quick"
 )
 status=0
 for folder in "${!forbidden[@]}"; do
@@ -22,6 +23,12 @@ for folder in "${!forbidden[@]}"; do
         fi
     done
 done
+# The Qt Quick layer stands on the public API alone: the umbrella header and its own files.
+if hits=$(grep -rn '#include "quorlix/' quick | grep -v '#include "quorlix/quick/'); then
+    echo "quick/ uses only the public API (<quorlix/Quorlix.h>):"
+    echo "$hits"
+    status=1
+fi
 # The interface the managers see knows no backend.
 if hits=$(grep -n '#include "quorlix/location/\(sources/\|EngineLocationManager\|RegionEngine\|SourceSelection\)' \
     location/LocationManager.h location/LocationManager.cpp); then

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "DirectoryProbe.h"
+#include "quorlix/service/DirectoryProbe.h"
 
 #include <QElapsedTimer>
 #include <QWidget>
@@ -22,7 +22,7 @@ class VeskEventManager;
 
 namespace QuorlixDemo {
 
-using QuorlixTools::DirectoryProbe;
+using Quorlix::DirectoryProbe;
 
 /// The demo's main window: watch one device (entry, exit and ranging events in a log), pair with
 /// a nearby one over this window, and see the stored device keys.

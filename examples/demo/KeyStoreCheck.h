@@ -1,14 +1,13 @@
 #pragma once
 
-#include "DirectoryProbe.h"
-
 #include "quorlix/platform/UserDefaults.h"
+#include "quorlix/service/DirectoryProbe.h"
 
 #include <QStringList>
 
 namespace QuorlixDemo {
 
-using QuorlixTools::DirectoryProbe;
+using Quorlix::DirectoryProbe;
 
 /// Checks the pairing key store against the directory before the library loads it. The library
 /// stops the process at the next Pair when a stored key no longer resolves, so the demo moves

@@ -5,8 +5,8 @@
 #include "DemoOptions.h"
 #include "DemoRun.h"
 #include "DemoWindow.h"
-#include "DirectoryProbe.h"
 #include "KeyStoreCheck.h"
+#include "quorlix/service/DirectoryProbe.h"
 
 #include "DirectoryServer.h"
 

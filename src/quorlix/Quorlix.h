@@ -1,7 +1,13 @@
 #pragma once
 
-/// Everything a host needs: the two managers, the device record, the pairing screen and the
-/// location service they run on.
+// The headers use C++20 (defaulted comparisons among others); pkg-config does not choose a language
+// standard for its consumers, the CMake package does.
+#if __cplusplus < 202002L
+#error "Quorlix needs C++20 or newer: compile with -std=c++20"
+#endif
+
+/// Everything a host needs: the two managers, the device record, the pairing screen, the location
+/// service they run on and the directory check that spares a host their fatal stops.
 
 #include "quorlix/Version.h"
 #include "quorlix/events/VeskEventManager.h"
@@ -11,5 +17,6 @@
 #include "quorlix/model/VeskDevice.h"
 #include "quorlix/pairing/VeskDeviceManager.h"
 #include "quorlix/platform/UserDefaults.h"
+#include "quorlix/service/DirectoryProbe.h"
 #include "quorlix/ui/DeviceListViewController.h"
 #include "quorlix/ui/PairDelegate.h"

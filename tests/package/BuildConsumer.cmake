@@ -3,8 +3,11 @@
 # C++ standard of its own (the library's usage requirements must bring C++20) and also compiles
 # every C++ example of README.md.
 #   MODE=install:      cmake --install BUILD_DIR (the library as this build made it)
-#   MODE=subdirectory: a host project that add_subdirectory()s SOURCE_DIR as a shared library, builds
-#                      only the library, runs a program linked to it in the build tree, and installs
+#   MODE=subdirectory: a host project (HOST_DIR) that takes SOURCE_DIR into its tree (VIA
+#                      add_subdirectory or fetchcontent, finding Qt itself QT_ORDER before, after or
+#                      none), as a shared library when SHARED, builds only the library, runs a
+#                      program linked to it in the build tree and, unless HOST_ONLY, installs.
+#                      CONFIGURE_ONLY stops after CMake has generated the host's build.
 foreach(var MODE WORK_DIR CONSUMER_DIR GENERATOR CXX_COMPILER README)
     if(NOT DEFINED ${var} OR "${${var}}" STREQUAL "")
         message(FATAL_ERROR "BuildConsumer.cmake: ${var} is not set")
@@ -32,9 +35,16 @@ else()
     set(host_build ${WORK_DIR}/host-build)
     run("configure host" ${CMAKE_COMMAND} -S ${HOST_DIR} -B ${host_build} -G ${GENERATOR}
         ${make_program} -DCMAKE_CXX_COMPILER=${CXX_COMPILER} -DCMAKE_BUILD_TYPE=${BUILD_TYPE}
-        -DQUORLIX_SOURCE_DIR=${SOURCE_DIR} -DBUILD_SHARED_LIBS=ON)
+        -DQUORLIX_SOURCE_DIR=${SOURCE_DIR} -DBUILD_SHARED_LIBS=${SHARED} -DQT_ORDER=${QT_ORDER}
+        -DVIA=${VIA})
+    if(CONFIGURE_ONLY)
+        return()
+    endif()
     run("build host" ${CMAKE_COMMAND} --build ${host_build})
     run("run host" ${host_build}/host)
+    if(HOST_ONLY)
+        return()
+    endif()
     run("install from host" ${CMAKE_COMMAND} --install ${host_build} --prefix ${prefix})
     # The shared library carries its version in its SONAME and exports the API only.
     execute_process(COMMAND readelf -d ${prefix}/lib/libquorlix.so OUTPUT_VARIABLE dynamic)
@@ -55,6 +65,20 @@ endforeach()
 foreach(internal IN LISTS UNEXPECTED)
     if(EXISTS ${prefix}/${internal})
         message(FATAL_ERROR "install provides the internal ${internal}")
+    endif()
+endforeach()
+# pkg-config names Qt by its modules (paths with a version break at Qt's next point release) and
+# leaves code generation and the language standard to the consumer.
+file(READ ${prefix}/lib/pkgconfig/quorlix.pc pc)
+string(REGEX REPLACE "#[^\n]*" "" pc "${pc}")
+if(pc MATCHES "(-fPIC|-std=|\\.so|/usr/)" OR NOT pc MATCHES "\nRequires: Qt6Core Qt6Widgets\n")
+    message(FATAL_ERROR "quorlix.pc pins paths or flags (${CMAKE_MATCH_1}):\n${pc}")
+endif()
+file(GLOB targets_files ${prefix}/lib/cmake/Quorlix/QuorlixTargets*.cmake)
+foreach(targets_file IN LISTS targets_files)
+    file(READ ${targets_file} targets)
+    if(targets MATCHES "\\$<LINK_ONLY:>")
+        message(FATAL_ERROR "${targets_file} names an empty $<LINK_ONLY:>")
     endif()
 endforeach()
 
@@ -90,13 +114,18 @@ run("build consumer" ${CMAKE_COMMAND} --build ${consumer_build})
 run("run consumer" ${consumer_build}/consumer)
 
 set(ENV{PKG_CONFIG_PATH} ${prefix}/lib/pkgconfig)
-execute_process(COMMAND pkg-config --cflags --libs quorlix OUTPUT_VARIABLE flags
+# A static library's own dependencies come with --static, as for any library Debian ships.
+set(static_flag "")
+if(EXISTS ${prefix}/lib/libquorlix.a)
+    set(static_flag --static)
+endif()
+execute_process(COMMAND pkg-config ${static_flag} --cflags --libs quorlix OUTPUT_VARIABLE flags
                 RESULT_VARIABLE result OUTPUT_STRIP_TRAILING_WHITESPACE)
 if(NOT result EQUAL 0)
     message(FATAL_ERROR "pkg-config --cflags --libs quorlix failed")
 endif()
 separate_arguments(flags UNIX_COMMAND "${flags}")
 separate_arguments(extra UNIX_COMMAND "${CXX_FLAGS} ${LINK_FLAGS}")
-run("build consumer with pkg-config" ${CXX_COMPILER} ${extra} ${CONSUMER_DIR}/main.cpp ${flags}
+run("build consumer with pkg-config" ${CXX_COMPILER} -std=c++20 ${extra} ${CONSUMER_DIR}/main.cpp ${flags}
     -Wl,-rpath,${prefix}/lib -o ${WORK_DIR}/pkg-config-consumer)
 run("run pkg-config consumer" ${WORK_DIR}/pkg-config-consumer)

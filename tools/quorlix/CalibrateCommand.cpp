@@ -1,6 +1,6 @@
 #include "CalibrateCommand.h"
 
-#include "DirectoryProbe.h"
+#include "quorlix/service/DirectoryProbe.h"
 
 #include "quorlix/model/BeaconFamily.h"
 
@@ -77,7 +77,7 @@ std::optional<int> CalibrateCommand::start(const QCommandLineParser& parser,
                                            const CommonOptions& common)
 {
     const QStringList positional = parser.positionalArguments();
-    if (positional.size() != 1 || !QuorlixTools::DirectoryProbe::isMajorMinor(positional.first()))
+    if (positional.size() != 1 || !Quorlix::DirectoryProbe::isMajorMinor(positional.first()))
         return complain(QStringLiteral("wants the beacon's major-minor, e.g. 12-7; try 'quorlix "
                                        "calibrate --help'"),
                         badUsage);

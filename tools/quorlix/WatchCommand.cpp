@@ -1,7 +1,7 @@
 #include "WatchCommand.h"
 
 #include "BeaconTable.h"
-#include "DirectoryProbe.h"
+#include "quorlix/service/DirectoryProbe.h"
 
 #include "quorlix/location/LocationSettings.h"
 #include "quorlix/model/BeaconFamily.h"
@@ -53,8 +53,8 @@ void WatchCommand::describe(QCommandLineParser& parser) const
 std::shared_ptr<Quorlix::BeaconRegion>
 WatchCommand::resolve(const QString& directory, const QString& deviceID, QString* problem)
 {
-    const QuorlixTools::DirectoryProbe::Answer answer =
-        QuorlixTools::DirectoryProbe(directory).lookUp(deviceID);
+    const Quorlix::DirectoryProbe::Answer answer =
+        Quorlix::DirectoryProbe(directory).lookUp(deviceID);
     if (!answer.problem.isEmpty()) {
         *problem = answer.problem;
         return nullptr;

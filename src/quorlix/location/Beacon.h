@@ -3,12 +3,15 @@
 #include "quorlix/Export.h"
 
 #include <QList>
+#include <QObject>
 #include <QString>
 #include <QUuid>
 
 #include <optional>
 
 namespace Quorlix {
+// The namespace's meta-object carries Proximity's names, for QVariant, QDebug and QML.
+Q_NAMESPACE_EXPORT(QUORLIX_EXPORT)
 
 /// Coarse distance class of a ranged beacon. Int-based, so codes outside the four named ones can
 /// be carried too.
@@ -19,10 +22,20 @@ enum class Proximity : int
     Near = 2,
     Far = 3,
 };
+Q_ENUM_NS(Proximity)
 
-/// One beacon in a ranging report.
+/// One beacon in a ranging report. A gadget, so that QML and QVariant can read its members.
 struct Beacon
 {
+    Q_GADGET
+    Q_PROPERTY(QUuid proximityUUID MEMBER proximityUUID)
+    Q_PROPERTY(quint16 major MEMBER major)
+    Q_PROPERTY(quint16 minor MEMBER minor)
+    Q_PROPERTY(Quorlix::Proximity proximity MEMBER proximity)
+    Q_PROPERTY(int rssi MEMBER rssi)
+    Q_PROPERTY(double accuracy MEMBER accuracy)
+
+public:
     QUuid proximityUUID;
     quint16 major = 0;
     quint16 minor = 0;
