@@ -5,12 +5,13 @@ set -euo pipefail
 cd "${1:-$(dirname "$0")/..}/src/quorlix"
 # folder: the folders it must not include
 declare -A forbidden=(
-    [model]="service events pairing ui platform location"
-    [service]="events pairing ui location"
-    [platform]="model service events pairing ui location"
-    [location]="model service events pairing ui platform"
-    [ui]="service events pairing location"
-    [events]="pairing ui"
+    [model]="service events pairing ui platform location rooms"
+    [service]="events pairing ui location rooms"
+    [platform]="model service events pairing ui location rooms"
+    [location]="model service events pairing ui platform rooms"
+    [rooms]="model service events pairing ui platform"
+    [ui]="service events pairing location rooms"
+    [events]="pairing ui rooms"
 )
 status=0
 for folder in "${!forbidden[@]}"; do

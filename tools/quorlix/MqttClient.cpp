@@ -36,6 +36,7 @@ MqttClient::MqttClient(QString host, int port, const QString& clientId, QByteArr
     mosquitto_connect_callback_set(m_client, &MqttClient::onConnect);
     mosquitto_disconnect_callback_set(m_client, &MqttClient::onDisconnect);
     mosquitto_publish_callback_set(m_client, &MqttClient::onPublish);
+    mosquitto_message_callback_set(m_client, &MqttClient::onMessage);
 }
 
 MqttClient::~MqttClient()
@@ -80,6 +81,13 @@ bool MqttClient::publish(const QByteArray& topic, const QByteArray& payload)
         return false;
     return mosquitto_publish(m_client, nullptr, topic.constData(), static_cast<int>(payload.size()),
                              payload.constData(), qos, true) == MOSQ_ERR_SUCCESS;
+}
+
+bool MqttClient::subscribe(const QByteArray& pattern)
+{
+    if (!m_connected)
+        return false;
+    return mosquitto_subscribe(m_client, nullptr, pattern.constData(), qos) == MOSQ_ERR_SUCCESS;
 }
 
 void MqttClient::stop(const QByteArray& topic, const QByteArray& payload, int timeoutMs)
@@ -129,6 +137,20 @@ void MqttClient::onDisconnect(mosquitto*, void* self, int code)
             client->m_connected = false;
             if (was)
                 emit client->disconnected(QString::fromUtf8(mosquitto_strerror(code)));
+        },
+        Qt::QueuedConnection);
+}
+
+void MqttClient::onMessage(mosquitto*, void* self, const mosquitto_message* message)
+{
+    auto* client = static_cast<MqttClient*>(self);
+    // Copied here: libmosquitto frees the message when the callback returns.
+    QByteArray topic(message->topic);
+    QByteArray payload(static_cast<const char*>(message->payload), message->payloadlen);
+    QMetaObject::invokeMethod(
+        client,
+        [client, topic = std::move(topic), payload = std::move(payload)] {
+            emit client->message(topic, payload);
         },
         Qt::QueuedConnection);
 }

@@ -7,6 +7,7 @@
 #include <atomic>
 
 struct mosquitto;
+struct mosquitto_message;
 
 namespace QuorlixTool {
 
@@ -28,6 +29,9 @@ public:
     /// Retained, at least once. Only while connected (false otherwise): what matters is
     /// published again on connected().
     bool publish(const QByteArray& topic, const QByteArray& payload);
+    /// Subscribes at QoS 1; only while connected (false otherwise), so subscribe again on
+    /// connected(). Messages arrive through message().
+    bool subscribe(const QByteArray& pattern);
     /// Publishes the last words, waits for the broker to take them (at most timeoutMs), then
     /// disconnects cleanly, so that the will is not sent.
     void stop(const QByteArray& topic, const QByteArray& payload, int timeoutMs);
@@ -35,11 +39,13 @@ public:
 signals:
     void connected();
     void disconnected(const QString& reason);
+    void message(const QByteArray& topic, const QByteArray& payload);
 
 private:
     static void onConnect(mosquitto*, void* self, int code);
     static void onDisconnect(mosquitto*, void* self, int code);
     static void onPublish(mosquitto*, void* self, int messageId);
+    static void onMessage(mosquitto*, void* self, const mosquitto_message* message);
 
     QString m_host;
     int m_port;

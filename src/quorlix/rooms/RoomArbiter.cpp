@@ -1,0 +1,172 @@
+#include "quorlix/rooms/RoomArbiter.h"
+
+#include <cmath>
+#include <limits>
+
+namespace Quorlix {
+namespace {
+
+constexpr double none = -std::numeric_limits<double>::infinity();
+
+double approach(double level, double target, std::int64_t dtNs, std::int64_t tauNs)
+{
+    return level + (target - level) *
+                       (1 - std::exp(-static_cast<double>(dtNs) / static_cast<double>(tauNs)));
+}
+
+} // namespace
+
+void RoomArbiter::report(const QString& receiver, const QString& room, const QString& beacon,
+                         bool present, const Beacon& ranging, std::int64_t nowNs)
+{
+    setOnline(receiver, true, nowNs);
+    View& view = m_tracks[beacon].views[receiver];
+    // The level held until now is the one reported before.
+    advance(view, nowNs);
+    view.room = room;
+    view.present = present;
+    view.rssi = present ? ranging.rssi : 0;
+    view.distanceM = present && ranging.rssi != 0 ? ranging.accuracy : -1;
+    if (!present)
+        view.fresh = true;
+}
+
+void RoomArbiter::setOnline(const QString& receiver, bool online, std::int64_t nowNs)
+{
+    auto [it, added] = m_online.try_emplace(receiver, online);
+    if (!added && it->second == online)
+        return;
+    // Levels stand still while offline: bring them to the moment the receiver went or came back.
+    for (auto& [beacon, track] : m_tracks) {
+        const auto view = track.views.find(receiver);
+        if (view == track.views.end())
+            continue;
+        if (!online)
+            advance(view->second, nowNs);
+        view->second.levelNs = nowNs;
+    }
+    it->second = online;
+}
+
+void RoomArbiter::advance(View& view, std::int64_t nowNs) const
+{
+    if (view.fresh) {
+        view.peak = view.fast = view.rssi != 0 ? view.rssi : m_tuning.silentDbm;
+        view.levelNs = nowNs;
+        view.fresh = false;
+        return;
+    }
+    const std::int64_t dtNs = nowNs - view.levelNs;
+    if (dtNs <= 0)
+        return;
+    const double level = view.rssi != 0 ? view.rssi : m_tuning.silentDbm;
+    view.peak =
+        approach(view.peak, level, dtNs, level > view.peak ? m_tuning.riseNs : m_tuning.fallNs);
+    view.fast = approach(view.fast, level, dtNs, m_tuning.fastNs);
+    view.levelNs = nowNs;
+}
+
+QStringList RoomArbiter::advanceTo(std::int64_t nowNs)
+{
+    QStringList changed;
+    for (auto& [beacon, track] : m_tracks) {
+        for (auto& [receiver, view] : track.views) {
+            if (view.present && m_online[receiver])
+                advance(view, nowNs);
+        }
+        if (decide(track, nowNs))
+            changed.append(beacon);
+    }
+    return changed;
+}
+
+bool RoomArbiter::decide(Track& track, std::int64_t nowNs)
+{
+    std::map<QString, RoomLevel> rooms;
+    for (const auto& [receiver, view] : track.views) {
+        if (!view.present || view.fresh)
+            continue;
+        auto [it, added] = rooms.try_emplace(view.room, RoomLevel{view.peak, view.fast, receiver});
+        if (added)
+            continue;
+        if (view.peak > it->second.peak) {
+            it->second.peak = view.peak;
+            it->second.receiver = receiver;
+        }
+        it->second.fast = std::max(it->second.fast, view.fast);
+    }
+
+    if (rooms.empty() && !track.decided)
+        return false;
+    Decision next = track.decision;
+    if (rooms.empty()) {
+        next = Decision{std::nullopt,
+                        {},
+                        -1,
+                        track.decided && !track.decision.room ? track.decision.sinceNs : nowNs};
+        track.challenger.clear();
+    } else {
+        auto strongest = rooms.begin();
+        auto quickest = rooms.begin();
+        for (auto it = rooms.begin(); it != rooms.end(); ++it) {
+            if (it->second.peak > strongest->second.peak)
+                strongest = it;
+            if (it->second.fast > quickest->second.fast)
+                quickest = it;
+        }
+        const auto current = track.decision.room ? rooms.find(*track.decision.room) : rooms.end();
+        QString winner;
+        if (current == rooms.end()) {
+            // New, back from away, or its room no longer hears it: nothing to hold on to.
+            winner = strongest->first;
+            track.challenger.clear();
+        } else {
+            QString challenger;
+            if (strongest != current &&
+                strongest->second.peak >= current->second.peak + m_tuning.marginDb)
+                challenger = strongest->first;
+            else if (quickest != current &&
+                     quickest->second.fast >= current->second.fast + m_tuning.fastMarginDb)
+                challenger = quickest->first;
+            if (challenger != track.challenger) {
+                track.challenger = challenger;
+                track.challengerSinceNs = nowNs;
+            }
+            winner = !challenger.isEmpty() && nowNs - track.challengerSinceNs >= m_tuning.holdNs
+                         ? challenger
+                         : current->first;
+        }
+        if (!track.decision.room || winner != *track.decision.room) {
+            next.room = winner;
+            next.sinceNs = nowNs;
+            track.challenger.clear();
+        }
+        const QString& receiver = rooms[winner].receiver;
+        next.receiver = receiver;
+        next.distanceM = track.views[receiver].distanceM;
+    }
+    const bool changed = !track.decided || next.room != track.decision.room;
+    track.decision = next;
+    track.decided = true;
+    return changed;
+}
+
+std::optional<RoomArbiter::Decision> RoomArbiter::decision(const QString& beacon) const
+{
+    const auto found = m_tracks.find(beacon);
+    if (found == m_tracks.end() || !found->second.decided)
+        return std::nullopt;
+    return found->second.decision;
+}
+
+QStringList RoomArbiter::beacons() const
+{
+    QStringList names;
+    for (const auto& [beacon, track] : m_tracks) {
+        if (track.decided)
+            names.append(beacon);
+    }
+    return names;
+}
+
+} // namespace Quorlix
