@@ -93,6 +93,10 @@ TEST(QuorlixCommand, RefusesWithAMessageAndAnExitCode)
          "does not know device 9999"},
         {{"record", taken, "--source", demo}, 1, "exists already"},
         {{"scan", "--source", "simulate:/no/such.json"}, 2, "cannot read the simulate file"},
+        {{"rooms"}, 2, "give either --broker host[:port] or --replay DIR"},
+        {{"rooms", "--replay", home.path()}, 2, "add --fast"},
+        {{"rooms", "--replay", home.path(), "--fast"}, 1, "holds no recording"},
+        {{"publish", "--broker", "localhost", "--room", "rooms"}, 2, "'rooms' is taken"},
     };
     for (const auto& [arguments, exitCode, message] : table) {
         const ProgramRun run = runTool(arguments, home.path(), 10000);

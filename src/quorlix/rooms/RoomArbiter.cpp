@@ -1,5 +1,6 @@
 #include "quorlix/rooms/RoomArbiter.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -21,14 +22,29 @@ void RoomArbiter::report(const QString& receiver, const QString& room, const QSt
 {
     setOnline(receiver, true, nowNs);
     View& view = m_tracks[beacon].views[receiver];
-    // The level held until now is the one reported before.
-    advance(view, nowNs);
+    // The level held until now is the one reported before; a new view starts at its first one.
+    if (!view.fresh)
+        advance(view, nowNs);
     view.room = room;
     view.present = present;
-    view.rssi = present ? ranging.rssi : 0;
+    // Receivers now and then report a reading 30 dB or more above its neighbours (even positive
+    // dBm): the median of the last three reports leaves a single one out, for a second's delay.
+    if (present && ranging.rssi != 0) {
+        view.recent = {ranging.rssi, view.recent[0], view.recent[1]};
+        view.recentCount = std::min(view.recentCount + 1, 3);
+        const auto [a, b, c] = view.recent;
+        view.rssi = view.recentCount == 1   ? a
+                    : view.recentCount == 2 ? std::min(a, b)
+                                            : std::max(std::min(a, b), std::min(std::max(a, b), c));
+    } else {
+        view.recentCount = 0;
+        view.rssi = 0;
+    }
     view.distanceM = present && ranging.rssi != 0 ? ranging.accuracy : -1;
     if (!present)
         view.fresh = true;
+    else if (view.fresh)
+        advance(view, nowNs);
 }
 
 void RoomArbiter::setOnline(const QString& receiver, bool online, std::int64_t nowNs)
@@ -51,6 +67,9 @@ void RoomArbiter::setOnline(const QString& receiver, bool online, std::int64_t n
 void RoomArbiter::advance(View& view, std::int64_t nowNs) const
 {
     if (view.fresh) {
+        // Present but not heard yet (an entry before its first ranging): no level to compare.
+        if (view.rssi == 0)
+            return;
         view.peak = view.fast = view.rssi != 0 ? view.rssi : m_tuning.silentDbm;
         view.levelNs = nowNs;
         view.fresh = false;
@@ -62,7 +81,10 @@ void RoomArbiter::advance(View& view, std::int64_t nowNs) const
     const double level = view.rssi != 0 ? view.rssi : m_tuning.silentDbm;
     view.peak =
         approach(view.peak, level, dtNs, level > view.peak ? m_tuning.riseNs : m_tuning.fallNs);
-    view.fast = approach(view.fast, level, dtNs, m_tuning.fastNs);
+    // Not hearing a beacon for a few of its intervals is as often a gap as a departure: the short
+    // view fades like the peak then, so a gap alone never wins the quick rule.
+    view.fast =
+        approach(view.fast, level, dtNs, view.rssi != 0 ? m_tuning.fastNs : m_tuning.fallNs);
     view.levelNs = nowNs;
 }
 
@@ -83,7 +105,10 @@ QStringList RoomArbiter::advanceTo(std::int64_t nowNs)
 bool RoomArbiter::decide(Track& track, std::int64_t nowNs)
 {
     std::map<QString, RoomLevel> rooms;
+    const View* anyPresent = nullptr;
     for (const auto& [receiver, view] : track.views) {
+        if (view.present && !anyPresent)
+            anyPresent = &view;
         if (!view.present || view.fresh)
             continue;
         auto [it, added] = rooms.try_emplace(view.room, RoomLevel{view.peak, view.fast, receiver});
@@ -96,10 +121,24 @@ bool RoomArbiter::decide(Track& track, std::int64_t nowNs)
         it->second.fast = std::max(it->second.fast, view.fast);
     }
 
-    if (rooms.empty() && !track.decided)
+    if (!anyPresent && !track.decided)
         return false;
     Decision next = track.decision;
-    if (rooms.empty()) {
+    if (rooms.empty() && anyPresent) {
+        // Present, but no receiver has a level: hold the room while one of its receivers still
+        // has the beacon, else take the room of one that has, for now.
+        bool held = false;
+        for (const auto& [receiver, view] : track.views)
+            held = held || (view.present && track.decision.room == view.room);
+        if (!held) {
+            next = Decision{anyPresent->room, {}, -1, nowNs};
+            track.provisional = true;
+        }
+        for (const auto& [receiver, view] : track.views) {
+            if (view.present && view.room == next.room)
+                next.receiver = receiver;
+        }
+    } else if (rooms.empty()) {
         next = Decision{std::nullopt,
                         {},
                         -1,
@@ -116,7 +155,7 @@ bool RoomArbiter::decide(Track& track, std::int64_t nowNs)
         }
         const auto current = track.decision.room ? rooms.find(*track.decision.room) : rooms.end();
         QString winner;
-        if (current == rooms.end()) {
+        if (current == rooms.end() || track.provisional) {
             // New, back from away, or its room no longer hears it: nothing to hold on to.
             winner = strongest->first;
             track.challenger.clear();
@@ -141,11 +180,14 @@ bool RoomArbiter::decide(Track& track, std::int64_t nowNs)
             next.sinceNs = nowNs;
             track.challenger.clear();
         }
+        track.provisional = false;
         const QString& receiver = rooms[winner].receiver;
         next.receiver = receiver;
         next.distanceM = track.views[receiver].distanceM;
     }
     const bool changed = !track.decided || next.room != track.decision.room;
+    if (!next.room)
+        track.provisional = false;
     track.decision = next;
     track.decided = true;
     return changed;
