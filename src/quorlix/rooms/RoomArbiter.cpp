@@ -7,7 +7,7 @@
 namespace Quorlix {
 namespace {
 
-constexpr double none = -std::numeric_limits<double>::infinity();
+constexpr std::int64_t second = 1'000'000'000;
 
 double approach(double level, double target, std::int64_t dtNs, std::int64_t tauNs)
 {
@@ -27,15 +27,8 @@ void RoomArbiter::report(const QString& receiver, const QString& room, const QSt
         advance(view, nowNs);
     view.room = room;
     view.present = present;
-    // Receivers now and then report a reading 30 dB or more above its neighbours (even positive
-    // dBm): the median of the last three reports leaves a single one out, for a second's delay.
     if (present && ranging.rssi != 0) {
-        view.recent = {ranging.rssi, view.recent[0], view.recent[1]};
-        view.recentCount = std::min(view.recentCount + 1, 3);
-        const auto [a, b, c] = view.recent;
-        view.rssi = view.recentCount == 1   ? a
-                    : view.recentCount == 2 ? std::min(a, b)
-                                            : std::max(std::min(a, b), std::min(std::max(a, b), c));
+        take(view, ranging.rssi, nowNs);
     } else {
         view.recentCount = 0;
         view.rssi = 0;
@@ -62,6 +55,19 @@ void RoomArbiter::setOnline(const QString& receiver, bool online, std::int64_t n
         view->second.levelNs = nowNs;
     }
     it->second = online;
+}
+
+void RoomArbiter::take(View& view, int rssi, std::int64_t nowNs)
+{
+    // Receivers now and then report a reading 30 dB or more above its neighbours (even positive
+    // dBm): the median of the last three leaves a single one out, for a second's delay.
+    view.recent = {rssi, view.recent[0], view.recent[1]};
+    view.recentCount = std::min(view.recentCount + 1, 3);
+    view.recentNs = nowNs;
+    const auto [a, b, c] = view.recent;
+    view.rssi = view.recentCount == 1   ? a
+                : view.recentCount == 2 ? std::min(a, b)
+                                        : std::max(std::min(a, b), std::min(std::max(a, b), c));
 }
 
 void RoomArbiter::advance(View& view, std::int64_t nowNs) const
@@ -93,8 +99,13 @@ QStringList RoomArbiter::advanceTo(std::int64_t nowNs)
     QStringList changed;
     for (auto& [beacon, track] : m_tracks) {
         for (auto& [receiver, view] : track.views) {
-            if (view.present && m_online[receiver])
-                advance(view, nowNs);
+            if (!view.present || !m_online[receiver])
+                continue;
+            advance(view, nowNs);
+            // A receiver reports a steady level only now and then: a level unchanged for a second
+            // counts as read again, so a step to a new steady level passes the median at once.
+            if (view.recentCount > 0 && nowNs - view.recentNs >= second)
+                take(view, view.recent[0], nowNs);
         }
         if (decide(track, nowNs))
             changed.append(beacon);

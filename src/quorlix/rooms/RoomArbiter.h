@@ -86,6 +86,7 @@ private:
         int rssi = 0; ///< the level reported, after the spike filter; 0: not heard lately
         std::array<int, 3> recent{}; ///< the last RSSIs reported, newest first
         int recentCount = 0;
+        std::int64_t recentNs = 0; ///< when recent last took a value
         double distanceM = -1;
         double peak = 0;
         double fast = 0;
@@ -109,6 +110,7 @@ private:
     };
 
     void advance(View& view, std::int64_t nowNs) const;
+    static void take(View& view, int rssi, std::int64_t nowNs);
     bool decide(Track& track, std::int64_t nowNs);
 
     Tuning m_tuning;
