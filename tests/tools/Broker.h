@@ -16,12 +16,17 @@ using Retained = QMap<QString, QByteArray>;
 
 // Starts a mosquitto broker on a loopback port that keeps nothing over a restart (so whatever is
 // retained afterwards was published again); returns once it listens.
-inline void startBroker(QProcess& broker, int port)
+inline void startBroker(QProcess& broker, const QStringList& arguments)
 {
     broker.setProcessChannelMode(QProcess::MergedChannels);
-    broker.start(QStringLiteral(QUORLIX_MOSQUITTO), {"-p", QString::number(port)});
+    broker.start(QStringLiteral(QUORLIX_MOSQUITTO), arguments);
     for (QByteArray log; !log.contains(" running") && broker.waitForReadyRead(5000);)
         log += broker.readAll();
+}
+
+inline void startBroker(QProcess& broker, int port)
+{
+    startBroker(broker, {"-p", QString::number(port)});
 }
 
 // Waits (bounded) until what a new subscriber receives as retained satisfies done; returns the

@@ -39,7 +39,7 @@ public:
     /// receivers within a few dB.
     static constexpr int newsDb = 2;
 
-    /// room: any text; it is kept to letters, digits, '_' and '-' in topics and identifiers.
+    /// room: any text; topics and identifiers carry it as slug() makes it.
     /// receiver: the host's name among several in one room (default: the room); topics are named
     /// after it, so each receiver of a room has its own.
     explicit PresenceTopics(const QString& room, const QString& receiver = {});
@@ -56,7 +56,10 @@ public:
     /// proximity word, distance and RSSI (sensors). label names the beacon for people.
     QList<Message> discovery(const QString& beacon, const QString& label) const;
 
-    /// Text reduced to what MQTT topics and Home Assistant object IDs accept everywhere.
+    /// Text written with what MQTT topics and Home Assistant object IDs accept everywhere
+    /// (letters, digits, '_' and '-'), readable and one to one: "Living Room" is "Living_Room",
+    /// "Living Room ü" is "Living_Room__C3_BC", "a_b" is "a_5Fb"; one to one for non-empty text
+    /// (empty text, which no room or beacon is, is "_" as " " is).
     static QString slug(const QString& text);
 
 private:

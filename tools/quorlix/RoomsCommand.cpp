@@ -1,5 +1,6 @@
 #include "RoomsCommand.h"
 
+#include "MqttOptions.h"
 #include "ReplayBuilding.h"
 #include "RoomTopics.h"
 #include "WatchCommand.h"
@@ -12,6 +13,7 @@
 #include <QRegularExpression>
 
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 
 namespace QuorlixTool {
@@ -55,9 +57,7 @@ QString RoomsCommand::description() const
 
 void RoomsCommand::describe(QCommandLineParser& parser) const
 {
-    parser.addOption({QStringLiteral("broker"),
-                      QStringLiteral("host[:port] of the MQTT broker (port 1883 by default)."),
-                      QStringLiteral("host:port")});
+    MqttOptions::addTo(parser);
     parser.addOption({QStringLiteral("replay"),
                       QStringLiteral("Decide offline from the recordings DIR/<room>/<receiver>.csv "
                                      "(with --fast)."),
@@ -150,23 +150,19 @@ int RoomsCommand::replay(const QString& folder, const QCommandLineParser& parser
 std::optional<int> RoomsCommand::live(const QCommandLineParser& parser,
                                       std::optional<double> seconds)
 {
-    static const QRegularExpression brokerForm(
-        QStringLiteral("^([A-Za-z0-9.\\-]+|\\[([0-9A-Fa-f:]+)\\])(?::([0-9]{1,5}))?$"));
-    const QString brokerText = parser.value(QStringLiteral("broker"));
-    const QRegularExpressionMatch broker = brokerForm.match(brokerText);
-    const int port = broker.hasCaptured(3) ? broker.captured(3).toInt() : 1883;
-    if (!broker.hasMatch() || port < 1 || port > 65535)
-        return complain(QStringLiteral("--broker wants host[:port], e.g. localhost:1883, not '%1'")
-                            .arg(brokerText),
-                        badUsage);
-    const QString host = broker.hasCaptured(2) ? broker.captured(2) : broker.captured(1);
+    QString problem;
+    std::optional<MqttOptions> mqtt = MqttOptions::read(parser, &problem);
+    if (!mqtt)
+        return complain(problem, badUsage);
+    if (mqtt->clientId.isEmpty())
+        mqtt->clientId = QStringLiteral("quorlix-rooms");
+    const QString broker = mqtt->address();
 
     m_clock.start();
     m_startMs = QDateTime::currentMSecsSinceEpoch();
-    m_mqtt = std::make_unique<MqttClient>(host, port, QStringLiteral("quorlix-rooms"),
-                                          RoomTopics::availability(), offline);
-    QObject::connect(m_mqtt.get(), &MqttClient::connected, [this, host, port] {
-        log(QStringLiteral("connected to %1:%2; deciding rooms").arg(host).arg(port));
+    m_mqtt = std::make_unique<MqttClient>(*mqtt, RoomTopics::availability(), offline);
+    QObject::connect(m_mqtt.get(), &MqttClient::connected, [this, broker] {
+        log(QStringLiteral("connected to %1; deciding rooms").arg(broker));
         for (const QByteArray& pattern : RoomTopics::subscriptions())
             m_mqtt->subscribe(pattern);
         // A restarted broker may have lost everything: say it all again.
@@ -183,7 +179,18 @@ std::optional<int> RoomsCommand::live(const QCommandLineParser& parser,
                      [this](const QByteArray& topic, const QByteArray& payload) {
                          take(topic, payload, m_clock.nsecsElapsed());
                      });
-    QString problem;
+    QObject::connect(m_mqtt.get(), &MqttClient::failing,
+                     [this, broker](const QString& reason, double forS) {
+                         log(QStringLiteral("cannot connect to %1 for %2 s (%3); retrying")
+                                 .arg(broker)
+                                 .arg(std::lround(forS))
+                                 .arg(reason));
+                     });
+    QObject::connect(m_mqtt.get(), &MqttClient::gaveUp, [this, broker](const QString& reason) {
+        finish(complain(QStringLiteral("cannot connect to %1 (%2); retrying cannot help, so "
+                                       "rooms stops")
+                            .arg(broker, reason)));
+    });
     if (!m_mqtt->start(&problem))
         return complain(problem);
     QObject::connect(&m_ticker, &QTimer::timeout, [this] { tick(); });
