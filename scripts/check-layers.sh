@@ -5,12 +5,13 @@ set -euo pipefail
 cd "${1:-$(dirname "$0")/..}/src/quorlix"
 # folder: the folders it must not include
 declare -A forbidden=(
-    [model]="service events pairing ui platform location quick"
-    [service]="events pairing ui location quick"
-    [platform]="model service events pairing ui location quick"
-    [location]="model service events pairing ui platform quick"
-    [ui]="service events pairing location quick"
-    [events]="pairing ui quick"
+    [model]="service events pairing ui platform location rooms quick"
+    [service]="events pairing ui location rooms quick"
+    [platform]="model service events pairing ui location rooms quick"
+    [location]="model service events pairing ui platform rooms quick"
+    [rooms]="model service events pairing ui platform quick"
+    [ui]="service events pairing location rooms quick"
+    [events]="pairing ui rooms quick"
     [pairing]="quick"
 )
 status=0

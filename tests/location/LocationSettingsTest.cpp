@@ -54,7 +54,7 @@ TEST(LocationSettings, BadValuesAreRefusedNamingTheMember)
         {R"({"beacons": [{@ "major": 1, "minor": 2.5, "measuredPower": -59}]})",
          "beacons[0].minor: expected a whole number"},
         {R"({"beacons": [{@ "major": 1}]})", "beacons[0].minor: missing"},
-        {R"({"receivers": [{"address": "hci0", "rssiOffset": 1}]})",
+        {R"({"receivers": [{"address": "00:1A:7D", "rssiOffset": 1}]})",
          "receivers[0].address: expected an adapter address"},
         {R"({"receivers": [{"address": "00:1A:7D:DA:71:13", "rssiOffset": 80}]})",
          "receivers[0].rssiOffset"},

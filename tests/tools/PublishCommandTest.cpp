@@ -2,6 +2,7 @@
 // rooms (every family beacon heard; watched devices only), a broker restart in the middle, then a
 // killed publisher's last will and a clean stop.
 
+#include "Broker.h"
 #include "DirectoryProcess.h"
 #include "ProgramRun.h"
 
@@ -21,22 +22,6 @@
 namespace {
 
 using namespace Quorlix::Testing;
-using Retained = QMap<QString, QByteArray>;
-
-// Starts a mosquitto broker on a loopback port that keeps nothing over a restart (so whatever is
-// retained afterwards was published again); returns once it listens.
-void startBroker(QProcess& broker, const QStringList& arguments)
-{
-    broker.setProcessChannelMode(QProcess::MergedChannels);
-    broker.start(QStringLiteral(QUORLIX_MOSQUITTO), arguments);
-    for (QByteArray log; !log.contains(" running") && broker.waitForReadyRead(5000);)
-        log += broker.readAll();
-}
-
-void startBroker(QProcess& broker, int port)
-{
-    startBroker(broker, {"-p", QString::number(port)});
-}
 
 // A certificate authority that signed the broker's certificate (for 127.0.0.1), another that did
 // not, and a password file with one user; all made fresh in dir.
@@ -57,31 +42,6 @@ bool makeCredentials(const QString& dir)
     const bool made = make.waitForFinished(60000) && make.exitCode() == 0;
     EXPECT_TRUE(made) << make.readAll().toStdString();
     return made;
-}
-
-// Waits (bounded) until what a new subscriber receives as retained satisfies done; returns the
-// last messages seen, by topic.
-Retained retainedWhen(int port, const std::function<bool(const Retained&)>& done)
-{
-    const QDeadlineTimer deadline(15000);
-    Retained messages;
-    do {
-        QProcess subscriber;
-        subscriber.start(QStringLiteral(QUORLIX_MOSQUITTO_SUB),
-                         {"-p", QString::number(port), "-t", "quorlix/#", "-t", "homeassistant/#",
-                          "-v", "--retained-only", "-W", "2"});
-        subscriber.waitForFinished(5000);
-        messages.clear();
-        for (const QByteArray& line : subscriber.readAllStandardOutput().split('\n'))
-            if (const qsizetype space = line.indexOf(' '); space > 0)
-                messages[QString::fromUtf8(line.left(space))] = line.mid(space + 1);
-    } while (!done(messages) && !deadline.hasExpired());
-    return messages;
-}
-
-QJsonObject json(const Retained& messages, const QString& topic)
-{
-    return QJsonDocument::fromJson(messages.value(topic)).object();
 }
 
 TEST(PublishCommand, RoomsSurviveABrokerRestartAndEndOfflineByWillOrByStop)
@@ -139,7 +99,7 @@ TEST(PublishCommand, RoomsSurviveABrokerRestartAndEndOfflineByWillOrByStop)
         EXPECT_EQ(near[u"room"].toString(), u"Test room");
         EXPECT_EQ(json(messages, "quorlix/hall/1048/state"),
                   QJsonDocument::fromJson(R"({"presence": "away", "proximity": "Unknown",
-                      "distance": null, "rssi": null, "room": "hall"})")
+                      "distance": null, "rssi": null, "room": "hall", "receiver": "hall"})")
                       .object());
         // Every entity of both rooms reads its field from a state and names its availability.
         const QHash<QString, QString> deviceClasses{

@@ -136,7 +136,9 @@ std::optional<CommonOptions> CommonOptions::read(const QCommandLineParser& parse
         return std::nullopt;
     }
     options.fast = parser.isSet(QStringLiteral("fast"));
-    if (options.fast && options.source.startsWith(u"bluez")) {
+    // quorlix rooms --replay brings sources of its own.
+    if (options.fast && options.source.startsWith(u"bluez") &&
+        !parser.optionNames().contains(QStringLiteral("replay"))) {
         *error = QStringLiteral("--fast needs a simulate: or replay: source; a radio runs on the "
                                 "wall clock");
         return std::nullopt;

@@ -46,6 +46,7 @@ MqttClient::MqttClient(MqttOptions options, QByteArray willTopic, QByteArray wil
                        willPayload.constData(), qos, true);
     mosquitto_connect_callback_set(m_client, &MqttClient::onConnect);
     mosquitto_publish_callback_set(m_client, &MqttClient::onPublish);
+    mosquitto_message_callback_set(m_client, &MqttClient::onMessage);
     mosquitto_log_callback_set(m_client, &MqttClient::onLog);
 }
 
@@ -213,6 +214,13 @@ bool MqttClient::publish(const QByteArray& topic, const QByteArray& payload)
                              payload.constData(), qos, true) == MOSQ_ERR_SUCCESS;
 }
 
+bool MqttClient::subscribe(const QByteArray& pattern)
+{
+    if (!m_connected)
+        return false;
+    return mosquitto_subscribe(m_client, nullptr, pattern.constData(), qos) == MOSQ_ERR_SUCCESS;
+}
+
 void MqttClient::stop(const QByteArray& topic, const QByteArray& payload, int timeoutMs)
 {
     if (!m_thread.joinable())
@@ -249,6 +257,20 @@ void MqttClient::onConnect(mosquitto*, void* self, int code)
         [client] {
             client->m_connected = true;
             emit client->connected();
+        },
+        Qt::QueuedConnection);
+}
+
+void MqttClient::onMessage(mosquitto*, void* self, const mosquitto_message* message)
+{
+    auto* client = static_cast<MqttClient*>(self);
+    // Copied here: libmosquitto frees the message when the callback returns.
+    QByteArray topic(message->topic);
+    QByteArray payload(static_cast<const char*>(message->payload), message->payloadlen);
+    QMetaObject::invokeMethod(
+        client,
+        [client, topic = std::move(topic), payload = std::move(payload)] {
+            emit client->message(topic, payload);
         },
         Qt::QueuedConnection);
 }

@@ -12,6 +12,7 @@
 #include <thread>
 
 struct mosquitto;
+struct mosquitto_message;
 
 namespace QuorlixTool {
 
@@ -33,6 +34,9 @@ public:
     /// Retained, at least once. Only while connected (false otherwise): what matters is
     /// published again on connected().
     bool publish(const QByteArray& topic, const QByteArray& payload);
+    /// Subscribes at QoS 1; only while connected (false otherwise), so subscribe again on
+    /// connected(). Messages arrive through message().
+    bool subscribe(const QByteArray& pattern);
     /// Publishes the last words, waits for the broker to take them (at most timeoutMs), then
     /// disconnects cleanly, so that the will is not sent.
     void stop(const QByteArray& topic, const QByteArray& payload, int timeoutMs);
@@ -44,6 +48,7 @@ signals:
     void connected();
     /// An established connection was lost; the client is retrying.
     void disconnected(const QString& reason);
+    void message(const QByteArray& topic, const QByteArray& payload);
     /// Connecting failed and the client retries. Sent for the first failure, for every refusal
     /// by the broker, and while the broker stays unreachable at growing intervals (5 s, 10 s,
     /// 20 s... then every 10 minutes); failingForS says since when.
@@ -55,6 +60,7 @@ signals:
 private:
     static void onConnect(mosquitto*, void* self, int code);
     static void onPublish(mosquitto*, void* self, int messageId);
+    static void onMessage(mosquitto*, void* self, const mosquitto_message* message);
     static void onLog(mosquitto*, void* self, int level, const char* text);
 
     void network();

@@ -6,13 +6,21 @@
 #include <QJsonDocument>
 
 #include <cctype>
+#include <cstdlib>
 
 namespace QuorlixTool {
 
-PresenceTopics::PresenceTopics(const QString& room)
+PresenceTopics::PresenceTopics(const QString& room, const QString& receiver)
     : m_room(room)
-    , m_slug(slug(room))
+    , m_receiver(receiver.isEmpty() ? room : receiver)
+    , m_slug(slug(m_receiver))
 {}
+
+bool PresenceTopics::isNews(const State& sent, const State& now)
+{
+    return sent.home != now.home || sent.proximity != now.proximity ||
+           (sent.rssi == 0) != (now.rssi == 0) || std::abs(sent.rssi - now.rssi) >= newsDb;
+}
 
 QString PresenceTopics::slug(const QString& text)
 {
@@ -61,7 +69,8 @@ QByteArray PresenceTopics::statePayload(const State& state) const
         {QStringLiteral("proximity"), state.proximity},
         {QStringLiteral("distance"), QJsonValue::fromVariant(BeaconTable::metres(state.distanceM))},
         {QStringLiteral("rssi"), state.rssi != 0 ? QJsonValue(state.rssi) : QJsonValue()},
-        {QStringLiteral("room"), m_room}};
+        {QStringLiteral("room"), m_room},
+        {QStringLiteral("receiver"), m_receiver}};
     return QJsonDocument(object).toJson(QJsonDocument::Compact);
 }
 
@@ -109,7 +118,9 @@ QList<PresenceTopics::Message> PresenceTopics::discovery(const QString& beacon,
     const QString device = QStringLiteral("quorlix_%1_%2").arg(m_slug, slug(beacon));
     const QJsonObject deviceInfo{
         {QStringLiteral("identifiers"), QJsonArray{device}},
-        {QStringLiteral("name"), QStringLiteral("%1 in %2").arg(label, m_room)},
+        {QStringLiteral("name"),
+         m_receiver == m_room ? QStringLiteral("%1 in %2").arg(label, m_room)
+                              : QStringLiteral("%1 at %2 in %3").arg(label, m_receiver, m_room)},
         {QStringLiteral("manufacturer"), QStringLiteral("Quorlix")},
         {QStringLiteral("model"), QStringLiteral("iBeacon seen by quorlix publish")},
         {QStringLiteral("suggested_area"), m_room}};

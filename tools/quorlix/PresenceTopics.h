@@ -11,9 +11,11 @@ namespace QuorlixTool {
 /// beacon, and Home Assistant discovery messages so that every beacon's entities appear by
 /// themselves.
 ///
-///   quorlix/<room>/availability                   "online" / "offline" (the last will)
-///   quorlix/<room>/<beacon>/state                 {"presence":"home","proximity":"Near",...}
-///   homeassistant/<component>/quorlix_<room>_<beacon>_<field>/config
+///   quorlix/<receiver>/availability               "online" / "offline" (the last will)
+///   quorlix/<receiver>/<beacon>/state             {"presence":"home","proximity":"Near",...}
+///   homeassistant/<component>/quorlix_<receiver>_<beacon>_<field>/config
+///
+/// The receiver is the room unless a room holds several receivers.
 class PresenceTopics
 {
 public:
@@ -33,10 +35,20 @@ public:
         friend bool operator==(const State&, const State&) = default;
     };
 
+    /// A ranged RSSI this far from the one last sent is sent at once: the room arbiter compares
+    /// receivers within a few dB.
+    static constexpr int newsDb = 2;
+
     /// room: any text; topics and identifiers carry it as slug() makes it.
-    explicit PresenceTopics(const QString& room);
+    /// receiver: the host's name among several in one room (default: the room); topics are named
+    /// after it, so each receiver of a room has its own.
+    explicit PresenceTopics(const QString& room, const QString& receiver = {});
 
     QString room() const { return m_room; }
+    QString receiver() const { return m_receiver; }
+    /// Whether now differs from what was sent enough to send it at once: presence, the proximity
+    /// word, hearing or not, or the RSSI by newsDb or more.
+    static bool isNews(const State& sent, const State& now);
     QByteArray availability() const;
     QByteArray state(const QString& beacon) const;
     QByteArray statePayload(const State& state) const;
@@ -52,6 +64,7 @@ public:
 
 private:
     QString m_room;
+    QString m_receiver;
     QString m_slug;
 };
 

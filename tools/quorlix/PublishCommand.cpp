@@ -37,7 +37,8 @@ QString PublishCommand::description() const
         "After the broker restarts, everything is published again. A beacon's first state is "
         "its first entry or exit (a watched device not heard for the exit period is away), so "
         "a restart never sends away for a beacon still in the room. Then a state is sent at once "
-        "when presence or the proximity word changes, otherwise at most once per --interval.\n"
+        "when presence, the proximity word or the RSSI (by 2 dB) changes, otherwise at most once "
+        "per --interval; quorlix rooms decides from these which room each beacon is in.\n"
         "A broker that cannot be reached is retried, every 8 s at most, and said so at growing "
         "intervals; a refused login or client identifier, or a failed TLS connection, ends publish "
         "with status 1. Every option of the connection can also come from the environment, as "
@@ -54,6 +55,10 @@ void PublishCommand::describe(QCommandLineParser& parser) const
                       QStringLiteral("device")});
     parser.addOption({QStringLiteral("room"),
                       QStringLiteral("The room this host covers (default: the host name)."),
+                      QStringLiteral("name")});
+    parser.addOption({QStringLiteral("receiver"),
+                      QStringLiteral("This host's name when its room has several receivers "
+                                     "(default: the room); topics are named after it."),
                       QStringLiteral("name")});
     parser.addOption({QStringLiteral("interval"),
                       QStringLiteral("Seconds between state messages of a beacon whose presence "
@@ -89,7 +94,13 @@ std::optional<int> PublishCommand::start(const QCommandLineParser& parser,
                                                               : QSysInfo::machineHostName();
     if (room.trimmed().isEmpty())
         return complain(QStringLiteral("--room wants a name"), badUsage);
-    m_topics = std::make_unique<PresenceTopics>(room);
+    const QString receiver = parser.value(QStringLiteral("receiver"));
+    if (parser.isSet(QStringLiteral("receiver")) && receiver.trimmed().isEmpty())
+        return complain(QStringLiteral("--receiver wants a name"), badUsage);
+    m_topics = std::make_unique<PresenceTopics>(room, receiver);
+    if (PresenceTopics::slug(m_topics->receiver()) == u"rooms")
+        return complain(QStringLiteral("'rooms' is taken by quorlix rooms; give --receiver"),
+                        badUsage);
 
     // Every device is looked up before anything is published, so a typo stops the start.
     std::vector<std::pair<QString, std::shared_ptr<Quorlix::BeaconRegion>>> watched;
@@ -160,15 +171,19 @@ std::optional<int> PublishCommand::start(const QCommandLineParser& parser,
         state.proximity = BeaconTable::word(beacons.first().proximity);
         state.distanceM = beacons.first().accuracy;
         state.rssi = beacons.first().rssi;
-        update(region->identifier, state, state.proximity != found->second.published.proximity);
+        update(region->identifier, state, PresenceTopics::isNews(found->second.published, state));
     };
 
     if (mqtt->clientId.isEmpty())
-        mqtt->clientId = QStringLiteral("quorlix-") + m_topics->room();
+        mqtt->clientId = QStringLiteral("quorlix-") + m_topics->receiver();
     const QString broker = mqtt->address();
     m_mqtt = std::make_unique<MqttClient>(*mqtt, m_topics->availability(), offline);
     QObject::connect(m_mqtt.get(), &MqttClient::connected, [this, broker] {
-        log(QStringLiteral("connected to %1; publishing room %2").arg(broker, m_topics->room()));
+        log(QStringLiteral("connected to %1; publishing room %2")
+                .arg(broker,
+                     m_topics->receiver() == m_topics->room()
+                         ? m_topics->room()
+                         : QStringLiteral("%1 as %2").arg(m_topics->room(), m_topics->receiver())));
         republishAll();
     });
     QObject::connect(m_mqtt.get(), &MqttClient::disconnected, [this](const QString& reason) {

@@ -1,9 +1,10 @@
-// quorlix: beacons from a shell. scan, watch, record, calibrate and publish; `quorlix <command>
-// --help` describes each.
+// quorlix: beacons from a shell. scan, watch, record, calibrate, publish and rooms; `quorlix
+// <command> --help` describes each.
 
 #include "CalibrateCommand.h"
 #include "PublishCommand.h"
 #include "RecordCommand.h"
+#include "RoomsCommand.h"
 #include "ScanCommand.h"
 #include "WatchCommand.h"
 
@@ -24,6 +25,7 @@ std::vector<std::unique_ptr<QuorlixTool::Command>> commands()
     all.push_back(std::make_unique<QuorlixTool::RecordCommand>());
     all.push_back(std::make_unique<QuorlixTool::CalibrateCommand>());
     all.push_back(std::make_unique<QuorlixTool::PublishCommand>());
+    all.push_back(std::make_unique<QuorlixTool::RoomsCommand>());
     return all;
 }
 

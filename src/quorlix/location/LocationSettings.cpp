@@ -78,6 +78,14 @@ bool isAdapterAddress(const QString& text)
     return form.match(text).hasMatch();
 }
 
+// Replayed receivers are named by their recording's file name ("sensor12"); a name has no ':', so
+// it never passes for a mistyped address.
+bool isReceiverName(const QString& text)
+{
+    static const QRegularExpression form(QStringLiteral("^[A-Za-z0-9_.-]{1,64}$"));
+    return isAdapterAddress(text) || form.match(text).hasMatch();
+}
+
 LocationSettings fromJson(const QJsonValue& document)
 {
     using namespace Qt::StringLiterals;
@@ -117,10 +125,13 @@ LocationSettings fromJson(const QJsonValue& document)
         for (qsizetype i = 0; i < receivers.size(); ++i) {
             const QString at = u"receivers[%1]"_s.arg(i);
             const QJsonObject receiver = object(receivers[i], at, {"address"_L1, "rssiOffset"_L1});
-            const QString address = required(receiver, "address"_L1, at).toString().toUpper();
-            if (!isAdapterAddress(address))
+            QString address = required(receiver, "address"_L1, at).toString();
+            if (!isReceiverName(address))
                 throw SettingsError{at + u".address"_s,
-                                    u"expected an adapter address like 00:1A:7D:DA:71:13"_s};
+                                    u"expected an adapter address like 00:1A:7D:DA:71:13 or a "
+                                    u"receiver name like sensor12"_s};
+            if (isAdapterAddress(address))
+                address = address.toUpper();
             settings.rssiOffset.insert(address, number(required(receiver, "rssiOffset"_L1, at),
                                                        at + u".rssiOffset"_s, -50, 50));
         }
@@ -179,8 +190,8 @@ QString LocationSettings::problem() const
                 .arg(it.key().minor);
     }
     for (auto it = rssiOffset.begin(); it != rssiOffset.end(); ++it) {
-        if (!isAdapterAddress(it.key()))
-            return QStringLiteral("\"%1\" is not an adapter address")
+        if (!isReceiverName(it.key()))
+            return QStringLiteral("\"%1\" is not an adapter address or receiver name")
                 .arg(SourceFile::quoted(it.key()));
         if (!std::isfinite(it.value()) || std::abs(it.value()) > 50)
             return QStringLiteral("the RSSI offset %1 dB of receiver %2 is outside -50 to 50")

@@ -44,7 +44,8 @@ struct QUORLIX_EXPORT LocationSettings
     double nearLimitM = 3.0;
     /// RSSI at 1 m (dBm) per beacon, in place of what its advert says.
     QHash<BeaconId, int> measuredPower;
-    /// Added to every reading of a receiver (dB), by adapter address ("00:1A:7D:DA:71:13").
+    /// Added to every reading of a receiver (dB), by adapter address ("00:1A:7D:DA:71:13"), or by
+    /// receiver name ("sensor12", a replayed recording's file name without .csv).
     QHash<QString, double> rssiOffset;
 
     friend bool operator==(const LocationSettings&, const LocationSettings&) = default;
