@@ -23,10 +23,8 @@ done
 # hardening feature, bindnow too: quorlix publish runs as a long-lived service.
 cd "$root"
 export DEB_BUILD_MAINT_OPTIONS="${DEB_BUILD_MAINT_OPTIONS:-hardening=+all}"
-CFLAGS="$(dpkg-buildflags --get CFLAGS) $(dpkg-buildflags --get CPPFLAGS)"
-CXXFLAGS="$(dpkg-buildflags --get CXXFLAGS) $(dpkg-buildflags --get CPPFLAGS)"
-LDFLAGS="$(dpkg-buildflags --get LDFLAGS)"
-export CFLAGS CXXFLAGS LDFLAGS
+cxxflags="$(dpkg-buildflags --get CXXFLAGS) $(dpkg-buildflags --get CPPFLAGS)"
+ldflags="$(dpkg-buildflags --get LDFLAGS)"
 
 generator=()
 if [[ ! -f "$build/CMakeCache.txt" ]] && command -v ninja >/dev/null; then
@@ -35,7 +33,9 @@ fi
 cmake -S "$root" -B "$build" "${generator[@]}" -DCMAKE_BUILD_TYPE=None \
     -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_SHARED_LIBS=ON \
     -DQUORLIX_BUILD_TOOLS=ON -DQUORLIX_BUILD_EXAMPLES=ON \
-    -DQUORLIX_BUILD_TESTS=OFF -DQUORLIX_BUILD_BENCHMARKS=OFF "$@"
+    -DQUORLIX_BUILD_TESTS=OFF -DQUORLIX_BUILD_BENCHMARKS=OFF \
+    "-DCMAKE_CXX_FLAGS=$cxxflags" "-DCMAKE_EXE_LINKER_FLAGS=$ldflags" \
+    "-DCMAKE_SHARED_LINKER_FLAGS=$ldflags" "-DCMAKE_MODULE_LINKER_FLAGS=$ldflags" "$@"
 cmake --build "$build" -j "$(nproc)"
 rm -rf "$build/packages"
 # cpack reports an error of a post-build script but still succeeds: look for one.

@@ -5,6 +5,7 @@
 # package; lintian; dpkg installing all of them into a scratch root and removing them without a
 # trace; the systemd unit, installed under a prefix other than /usr, passing systemd-analyze
 # verify; and the man page naming every QUORLIX_ variable that the library and the command read.
+cmake_minimum_required(VERSION 3.25)
 foreach(var SOURCE_DIR WORK_DIR)
     if(NOT DEFINED ${var})
         message(FATAL_ERROR "DebianPackage.cmake: ${var} is not set")
@@ -100,7 +101,7 @@ foreach(name_needs "libquorlix-dev:libquorlix1 (= ${version})" "libquorlix-dev:q
     endif()
 endforeach()
 foreach(name libquorlix1 quorlix quorlix-tools)
-    if(${name}_depends MATCHES "[a-z0-9.+]+-dev([ ,]|$)")
+    if(${name}_depends MATCHES "[a-z0-9.+-]+-dev([ ,\n]|$)")
         message(FATAL_ERROR "${name} depends on the development package ${CMAKE_MATCH_0}")
     endif()
 endforeach()
@@ -119,17 +120,6 @@ if(pulled MATCHES "Inst [^ ]+-dev")
     message(FATAL_ERROR "installing quorlix pulls in ${CMAKE_MATCH_0}:\n${plan}")
 endif()
 
-# Every warning still reported is overridden in its package, with the reason beside the override
-# (cmake/debian/*.lintian-overrides).
-execute_process(COMMAND lintian --fail-on error,warning --display-info --show-overrides ${debs}
-                        ${ddebs}
-                RESULT_VARIABLE lintian_result OUTPUT_VARIABLE lintian_out ERROR_VARIABLE lintian_err
-                TIMEOUT 900)
-message(STATUS "lintian:\n${lintian_out}${lintian_err}")
-if(NOT lintian_result EQUAL 0)
-    message(FATAL_ERROR "lintian reports errors or warnings (${lintian_result})")
-endif()
-
 # Everything that a plain install puts in place is in some package.
 run(ignored ${CMAKE_COMMAND} --install ${build} --prefix ${prefix})
 file(GLOB_RECURSE installed LIST_DIRECTORIES false RELATIVE ${prefix} ${prefix}/*)
@@ -144,7 +134,9 @@ file(STRINGS ${prefix}/lib/systemd/system/quorlix-publish.service exec REGEX "^E
 if(NOT exec MATCHES "^ExecStart=${prefix}/bin/quorlix ")
     message(FATAL_ERROR "the unit under ${prefix} runs ${exec}")
 endif()
-run(verified systemd-analyze verify ${prefix}/lib/systemd/system/quorlix-publish.service)
+# It also checks that the unit's Documentation (man:quorlix(1)) is there.
+run(verified ${CMAKE_COMMAND} -E env MANPATH=${prefix}/share/man: systemd-analyze verify
+    ${prefix}/lib/systemd/system/quorlix-publish.service)
 
 set(reads "")
 foreach(folder src tools/quorlix)
@@ -174,7 +166,7 @@ file(STRINGS ${root}/usr/lib/systemd/system/quorlix-publish.service exec REGEX "
 if(NOT exec MATCHES "^ExecStart=/usr/bin/quorlix ")
     message(FATAL_ERROR "the packaged unit runs ${exec}")
 endif()
-run(includedir pkg-config --with-path=${root}${libdir}/pkgconfig --variable=includedir quorlix)
+run(includedir pkg-config --with-path=${root}/usr/lib/${multiarch}/pkgconfig --variable=includedir quorlix)
 string(STRIP "${includedir}" includedir)
 if(NOT EXISTS ${includedir}/quorlix/Quorlix.h)
     message(FATAL_ERROR "quorlix.pc points at ${includedir}, which lacks quorlix/Quorlix.h")
@@ -183,4 +175,15 @@ run(ignored ${dpkg} --purge ${names})
 file(GLOB_RECURSE left LIST_DIRECTORIES false RELATIVE ${root} ${root}/usr/* ${root}/etc/*)
 if(left)
     message(FATAL_ERROR "removing the packages left: ${left}")
+endif()
+
+# Every warning still reported is overridden in its package, with the reason beside the override
+# (cmake/debian/*.lintian-overrides).
+execute_process(COMMAND lintian --fail-on error,warning --display-info --show-overrides ${debs}
+                        ${ddebs}
+                RESULT_VARIABLE lintian_result OUTPUT_VARIABLE lintian_out ERROR_VARIABLE lintian_err
+                TIMEOUT 900)
+message(STATUS "lintian:\n${lintian_out}${lintian_err}")
+if(NOT lintian_result EQUAL 0)
+    message(FATAL_ERROR "lintian reports errors or warnings (${lintian_result})")
 endif()
