@@ -79,6 +79,10 @@ DemoOptions DemoOptions::parse(const QStringList& arguments)
             options.help = true;
             continue;
         }
+        if (name == u"--version" || name == u"-V") {
+            options.version = true;
+            continue;
+        }
         if (name == u"--headless") {
             if (value)
                 return fail(QStringLiteral("--headless takes no value"));
@@ -164,7 +168,8 @@ QString DemoOptions::usage()
         "  --pick first|cancel|none what the headless run does on the pairing screen\n"
         "                           (default first)\n"
         "  --screenshots DIR        write main-window.png and pairing-screen.png to DIR\n"
-        "  -h, --help               show this text\n");
+        "  -h, --help               show this text\n"
+        "  --version                show the version\n");
 }
 
 } // namespace QuorlixDemo

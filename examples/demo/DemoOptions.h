@@ -26,6 +26,7 @@ public:
     /// Empty when the arguments are good.
     QString error;
     bool help = false;
+    bool version = false;
     bool headless = false;
     /// How long to run; absent means until the window is closed (headless runs default to 20 s).
     std::optional<int> seconds;

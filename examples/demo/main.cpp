@@ -89,6 +89,10 @@ int main(int argc, char** argv)
         std::fputs(DemoOptions::usage().toUtf8().constData(), stdout);
         return 0;
     }
+    if (options.version) {
+        std::fputs("quorlix-demo " QUORLIX_VERSION "\n", stdout);
+        return 0;
+    }
 
     const bool headless = options.headless || !hasDisplay();
     if (headless) {

@@ -102,6 +102,9 @@ TEST(DemoSmoke, BadStartsEndWithAMessageAndAnExitCode)
         EXPECT_TRUE(run.err.contains(QString::fromUtf8(message))) << what;
         EXPECT_EQ(run.err.contains(QStringLiteral("usage: quorlix-demo")), usage) << what;
     }
+    const ProgramRun version = runProgram(QUORLIX_DEMO_PROGRAM, {"--version"}, scratch.path());
+    EXPECT_EQ(version.exitCode, 0);
+    EXPECT_EQ(version.out, QStringLiteral("quorlix-demo " QUORLIX_VERSION "\n"));
 }
 
 } // namespace

@@ -38,6 +38,10 @@ TEST(LocationSettings, BadValuesAreRefusedNamingTheMember)
         {R"({"pathLossExponent": "2"})", "pathLossExponent: expected a number"},
         {R"({"nearLimit": 0.3})", "band limits"},
         {R"({"frequency": 1})", "frequency: unknown member"},
+        // A name from the file is quoted to at most 40 characters.
+        {"{\"#\": 1}", "cal.json: #####################################...: unknown member"},
+        {R"({"receivers": [{"address": "00:1A:7D:DA:71:13", "#": 1}]})",
+         "receivers[0].#####################################...: unknown member"},
         {R"([1])", "expected an object"},
         {R"({"beacons": {}})", "beacons: expected a list"},
         {R"({"beacons": [{"uuid": "x", "major": 1, "minor": 2, "measuredPower": -59}]})",
@@ -60,9 +64,12 @@ TEST(LocationSettings, BadValuesAreRefusedNamingTheMember)
     for (const auto& c : cases) {
         QString error;
         const QByteArray json =
-            QByteArray(c.json).replace('@', R"("uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999",)");
+            QByteArray(c.json)
+                .replace('@', R"("uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999",)")
+                .replace("#", QByteArray(1800, '#'));
         EXPECT_FALSE(LocationSettings::parse(json, QStringLiteral("cal.json"), &error)) << c.json;
-        EXPECT_TRUE(error.startsWith(u"calibration cal.json: ") && error.contains(c.message))
+        EXPECT_TRUE(error.startsWith(u"calibration cal.json: ") && error.contains(c.message) &&
+                    error.size() < 200)
             << c.json << " -> " << error.toStdString();
     }
     const QByteArray deep = QByteArray(100'000, '[') + QByteArray(100'000, ']');

@@ -60,6 +60,13 @@ TEST(ProximityFilter, AverageFollowsTimeNotReadingCount)
     // And after one time constant a bit more than half the step is done.
     EXPECT_LT(fast.smoothedRssi(), -65.5);
     EXPECT_GT(fast.smoothedRssi(), -67.5);
+    // Readings with the same or an earlier time stamp (several receivers, late delivery) each
+    // still pull by the weight of the shortest advertising interval, about 1%.
+    ProximityFilter bunched;
+    bunched.addReading(10 * tenthNs, -60);
+    for (int i = 10; i >= 0; --i)
+        bunched.addReading(i * tenthNs, -70);
+    EXPECT_NEAR(bunched.smoothedRssi(), -61.04, 0.05);
 }
 
 } // namespace

@@ -85,10 +85,12 @@ TEST_F(EngineTest, ExitComesExactlyOneExitPeriodAfterTheLastSighting)
     constexpr auto never = std::numeric_limits<std::int64_t>::max();
     for (const std::int64_t period : {10 * s, 2500 * ms, never}) {
         fresh();
-        engine->setExitPeriodNs(period);
+        engine->setExitPeriodNs(20 * s);
         engine->startMonitoring(region("A"));
         clock->advanceTo(5 * s);
         see(1, 2);
+        clock->advanceTo(6 * s);
+        engine->setExitPeriodNs(period); // while inside: the pending exit moves with it
         clock->advanceTo(period == never ? never - 1 : 5 * s + period - 1);
         EXPECT_EQ(take(), QStringList{"enter A @5000"}) << period;
         if (period != never) {
@@ -148,7 +150,7 @@ TEST_F(EngineTest, ReportListsNearestFirstWithTheLastSecondsMeanRssi)
     clock->advanceTo(500 * ms);
     see(1, 1, -90); // in the first second: must not count in the second report
     clock->advanceTo(1200 * ms);
-    for (const auto& [minor, rssi] : {std::pair{1, -60}, {1, -62}, {1, -65}, {2, -50}, {3, -75}})
+    for (const auto& [minor, rssi] : {std::pair{1, -60}, {1, -63}, {1, -65}, {2, -50}, {3, -75}})
         see(minor, minor, rssi);
     see(4, 4, -70, other);
     clock->advanceTo(2 * s);
@@ -156,11 +158,19 @@ TEST_F(EngineTest, ReportListsNearestFirstWithTheLastSecondsMeanRssi)
     const QList<Beacon>& b = reports.back().second;
     ASSERT_EQ(b.size(), 3);
     // 1-1 is ordered by its smoothed reading, still pulled down by the -90 from before; its rssi
-    // is the plain mean of the last second (-62.33).
+    // is the plain mean of the last second rounded to the nearest dB (-62.67).
     EXPECT_EQ((QList<int>{b[0].minor, b[1].minor, b[2].minor, b[2].rssi}),
-              (QList<int>{2, 3, 1, -62}));
+              (QList<int>{2, 3, 1, -63}));
     EXPECT_TRUE(b[0].proximity == Proximity::Immediate && b[1].proximity == Proximity::Far);
     EXPECT_TRUE(b[0].accuracy < b[1].accuracy && b[1].accuracy < b[2].accuracy);
+    // Beacons gone quiet (Unknown, no distance) come after every one in range, whose readings
+    // are the ones a host acts on.
+    seeEvery(100 * ms, 8 * s, 3, 3, -75);
+    const QList<Beacon>& later = reports.back().second;
+    ASSERT_EQ(later.size(), 3);
+    EXPECT_EQ((QList<int>{later[0].minor, later[1].minor, later[2].minor}), (QList<int>{3, 1, 2}));
+    EXPECT_TRUE(later[0].accuracy > 0 && later[1].proximity == Proximity::Unknown &&
+                later[2].proximity == Proximity::Unknown);
 }
 
 // A beacon heard at its own pace keeps its word and rssi; once quiet for several of its own

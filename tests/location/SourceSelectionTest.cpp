@@ -28,8 +28,12 @@ TEST(SourceSelection, UnusableChoicesAreNamedAndNeverReplaced)
         {"simulate:", "QUORLIX_LOCATION_SOURCE=simulate:: simulate needs a file"},
         {"simulate:/nonexistent/walk.json", "scenario /nonexistent/walk.json: cannot be read"},
         {"replay:" + trace, QStringLiteral("trace %1: line 2: expected 4 fields").arg(trace)},
-        {"wifi", "unknown source \"wifi\"; expected bluez, simulate:<scenario.json> or "
-                 "replay:<trace.csv>"},
+        {"wifi", "unknown source \"wifi\"; expected bluez, bluez:<adapters>, "
+                 "simulate:<scenario.json> or replay:<trace.csv>"},
+        {"bluez:hci0,wlan0", "bluez:<adapters> wants hciN or a Bluetooth address "
+                             "(comma-separated), not \"wlan0\""},
+        {"bluez:" + QString(100, u'x'), "not \"" + QString(40, u'x') + "...\""},
+        {"bluez:hci1,00:1a:7D:DA:71:13", "quorlix.platform.bluez cannot reach the system bus"},
         {"bluez", "quorlix.platform.bluez cannot reach the system bus"},
         {"", "quorlix.platform.bluez cannot reach the system bus"}};
     const QtMessageHandler previous = qInstallMessageHandler(keep);

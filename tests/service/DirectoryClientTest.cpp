@@ -4,9 +4,10 @@
 #include "quorlix/events/VeskEventManager.h"
 
 #include "DirectoryProcess.h"
+#include "Files.h"
 #include "RecordingLocationManager.h"
 
-#include <QCoreApplication>
+#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -30,9 +31,11 @@ TEST(DirectoryClientDeathTest, BuildsUrlsAsGivenAndFetchesOnlyOverHttp)
 {
     qputenv("QUORLIX_DIRECTORY_HOST", "h:1");
     EXPECT_EQ(DirectoryClient::deviceUrl("a b/c"), "http://h:1/api/device/a b/c");
-    // Only http and https: a file that exists would otherwise be read.
-    EXPECT_DEATH(DirectoryClient::fetch("file://" + QCoreApplication::applicationFilePath()),
-                 nilStop);
+    // Only http and https: a small file holding a valid answer would otherwise be read.
+    QTemporaryDir dir;
+    const QString answer = Testing::writeFile(dir.path(), "answer.json", "[]");
+    EXPECT_DEATH(DirectoryClient::fetch("file://" + answer),
+                 std::string("file.*not supported.*") + nilStop);
     qputenv("QUORLIX_DIRECTORY_HOST", "");
     EXPECT_EQ(DirectoryClient::host(), QStringLiteral(QUORLIX_EXPECTED_DEFAULT_HOST));
 

@@ -46,6 +46,12 @@ public:
     {
         return call("DiscoveryLog", name).toStringList();
     }
+    /// Makes the adapter a radio (see bluez_beacons.py) whose stops are answered after ms.
+    void setStopDelay(const QString& name, quint32 ms) { call("SetStopDelay", name, ms); }
+    quint32 lostStarts(const QString& name) { return call("LostStarts", name).toUInt(); }
+    /// Discovery ends inside bluetoothd (Discovering false), or the controller goes deaf.
+    void dropDiscovery(const QString& name) { call("DropDiscovery", name); }
+    void deafen(const QString& name) { call("Deafen", name); }
     QString addBeacon(const QString& adapter, const QString& address, int rssi, quint16 company,
                       const QByteArray& data)
     {

@@ -5,12 +5,17 @@ Loaded by path: /usr/bin/python3 -m dbusmock --system --template bluez_beacons.p
 Adds what the stock template lacks (0.28.7): devices whose ManufacturerData has bluetoothd's
 type a{qv}, one PropertiesChanged per advert carrying RSSI and ManufacturerData together (as
 bluetoothd does with DuplicateData), adapters that refuse StartDiscovery while powered off, a
-power switch that ends discovery as bluetoothd does, a readable log of discovery calls, and a
-flood of adverts for throughput measurements.
+power switch that ends discovery as bluetoothd does, a readable log of discovery calls, a
+flood of adverts for throughput measurements, and, once an adapter is made a radio (SetStopDelay,
+DropDiscovery, Deafen), discovery that is lost as bluetoothd loses it: adverts are heard only while
+the client's discovery runs.
 '''
+
+import time
 
 import dbus
 import dbus.lowlevel
+from gi.repository import GLib
 
 import dbusmock.templates.bluez5 as bluez5
 from dbusmock import mockobject
@@ -39,6 +44,12 @@ def _emit_discovering(adapter):
 
 
 def _start_discovery(adapter):
+    if getattr(adapter, 'stopping', False):
+        # bluetoothd finds the filter unchanged, grants the start without restarting the scan,
+        # and the stop under way then ends the discovery it granted.
+        adapter.lost_starts = getattr(adapter, 'lost_starts', 0) + 1
+        adapter.start_lost = True
+        return
     if getattr(adapter, 'refuse_starts', 0) > 0:
         adapter.refuse_starts -= 1
         raise dbus.exceptions.DBusException('Operation already in progress',
@@ -46,12 +57,82 @@ def _start_discovery(adapter):
     if not adapter.props[ADAPTER_IFACE]['Powered']:
         raise dbus.exceptions.DBusException('Resource Not Ready', name='org.bluez.Error.NotReady')
     adapter.props[ADAPTER_IFACE]['Discovering'] = True
+    adapter.session = True
+    adapter.deaf = False
     _emit_discovering(adapter)
 
 
 def _stop_discovery(adapter):
+    if getattr(adapter, 'radio', False) and not adapter.session:
+        raise dbus.exceptions.DBusException('No discovery started', name='org.bluez.Error.Failed')
+    adapter.session = False
     adapter.props[ADAPTER_IFACE]['Discovering'] = False
     _emit_discovering(adapter)
+
+
+def _slow_stop(adapter, reply, error):
+    '''StopDiscovery as bluetoothd answers it: only once the kernel has stopped.'''
+    adapter.call_log.append((int(time.time()), 'StopDiscovery', []))
+    try:
+        _stop_discovery(adapter)
+    except dbus.exceptions.DBusException as refused:
+        error(refused)
+        return
+    adapter.stopping = True
+
+    def finish():
+        adapter.stopping = False
+        if getattr(adapter, 'start_lost', False):
+            adapter.start_lost = False
+            _emit_discovering(adapter)
+        reply()
+        return False
+    GLib.timeout_add(adapter.stop_delay, finish)
+
+
+def _radio(adapter):
+    if not getattr(adapter, 'radio', False):
+        adapter.radio = True
+        adapter.session = adapter.props[ADAPTER_IFACE]['Discovering']
+    return adapter
+
+
+@dbus.service.method(MOCK_IFACE, in_signature='su', out_signature='')
+def SetStopDelay(_self, device_name, milliseconds):
+    '''The adapter answers StopDiscovery only after the given delay, as a kernel stop takes.'''
+    adapter = _radio(mockobject.objects['/org/bluez/' + device_name])
+    adapter.stop_delay = milliseconds
+    # Decorated here, not at module level, where dbusmock would export it on every object.
+    method = dbus.service.method(ADAPTER_IFACE, in_signature='', out_signature='',
+                                 async_callbacks=('reply', 'error'))(_slow_stop)
+    adapter.methods[ADAPTER_IFACE]['StopDiscovery'] = ('', '', None, method)
+
+
+@dbus.service.method(MOCK_IFACE, in_signature='s', out_signature='u')
+def LostStarts(_self, device_name):
+    '''How many of the adapter's StartDiscovery calls were granted while a stop was under way.'''
+    return getattr(mockobject.objects['/org/bluez/' + device_name], 'lost_starts', 0)
+
+
+@dbus.service.method(MOCK_IFACE, in_signature='s', out_signature='')
+def DropDiscovery(_self, device_name):
+    '''The client's discovery ends inside bluetoothd, without a call of the client's.'''
+    adapter = _radio(mockobject.objects['/org/bluez/' + device_name])
+    adapter.session = False
+    adapter.props[ADAPTER_IFACE]['Discovering'] = False
+    _emit_discovering(adapter)
+
+
+@dbus.service.method(MOCK_IFACE, in_signature='s', out_signature='')
+def Deafen(_self, device_name):
+    '''The controller stops reporting adverts while Discovering stays true, until restarted.'''
+    _radio(mockobject.objects['/org/bluez/' + device_name]).deaf = True
+
+
+def _heard(device):
+    '''Whether an advert reaches bluetoothd's clients: always, unless the adapter is a radio.'''
+    adapter = mockobject.objects[device.path.rsplit('/', 1)[0]]
+    return not getattr(adapter, 'radio', False) or (adapter.session and not adapter.deaf)
 
 
 @dbus.service.method(MOCK_IFACE, in_signature='ss', out_signature='s')
@@ -121,6 +202,8 @@ def AddBeacon(self, device_name, address, rssi, company, data):
 
 def _advertise(device, changed):
     device.props[DEVICE_IFACE].update(changed)
+    if not _heard(device):
+        return
     device.EmitSignal(dbus.PROPERTIES_IFACE, 'PropertiesChanged', 'sa{sv}as',
                       [DEVICE_IFACE, changed, []])
 

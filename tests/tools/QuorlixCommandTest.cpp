@@ -44,13 +44,19 @@ TEST(QuorlixCommand, ScanFollowsTheDemoScenario)
         runTool({"scan", "--source", demo, "--fast", "--seconds", "27"}, home.path());
     ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
     const auto rows = scanRows(run);
-    const QStringList fields{"distance",          "lastHeard", "major", "minor", "proximity",
-                             "readingsPerSecond", "rssi",      "time",  "uuid"};
+    const QStringList fields{"address",   "distance",          "lastHeard", "major", "minor",
+                             "proximity", "readingsPerSecond", "rssi",      "time",  "uuid"};
+    QMap<QString, QString> addresses; // by beacon
+    static const QRegularExpression address(QStringLiteral("^([0-9A-F]{2}:){5}[0-9A-F]{2}$"));
     for (const auto& [key, row] : rows) {
         ASSERT_EQ(row.keys(), fields);
         ASSERT_EQ(row[u"uuid"].toString(), QLatin1StringView(family));
         ASSERT_LT(row[u"rssi"].toInt(), -30);
+        ASSERT_TRUE(address.match(row[u"address"].toString()).hasMatch());
+        addresses[key.second] = row[u"address"].toString();
     }
+    // Each transmitter shows its own address.
+    EXPECT_EQ(QSet<QString>(addresses.begin(), addresses.end()).size(), addresses.size());
     // Time, beacon, proximity (null: not listed), ranges of readingsPerSecond, lastHeard, distance.
     // (12-7 comes at 0.5 s, 0.3 m from 5 to 9 s; 12-8 at 4 m from 1 to 12 s; 300-1 from 2 s at 2 m
     // drifting to 7 m. Rates are over the last 5 s; a beacon is forgotten after 10 s.)
@@ -93,11 +99,40 @@ TEST(QuorlixCommand, RefusesWithAMessageAndAnExitCode)
          "does not know device 9999"},
         {{"record", taken, "--source", demo}, 1, "exists already"},
         {{"scan", "--source", "simulate:/no/such.json"}, 2, "cannot read the simulate file"},
+        {{"scan", "--adapter", "wlan0"}, 2, "--adapter wants adapters such as hci0"},
+        {{"record", taken, "--adapter", "hci0", "--source", demo}, 2, "--adapter is for the bluez"},
+        {{"scan", "--source", "bluez:hci0,nonsense"}, 2, "not 'nonsense'"},
+        // The environment's directory host is named as such, not as an option.
+        {{"watch", "1047", "QUORLIX_DIRECTORY_HOST=http://x/"},
+         2,
+         "QUORLIX_DIRECTORY_HOST wants host[:port], e.g. localhost:8080, not 'http://x/'"},
+        {{"watch", "1047", "--directory", "x:99999"}, 2, "--directory: '99999' is not a port"},
     };
-    for (const auto& [arguments, exitCode, message] : table) {
-        const ProgramRun run = runTool(arguments, home.path(), 10000);
+    for (auto [arguments, exitCode, message] : table) {
+        const QStringList settings = arguments.filter(QStringLiteral("QUORLIX_"));
+        for (const QString& setting : settings)
+            arguments.removeOne(setting);
+        const ProgramRun run =
+            runProgram(QStringLiteral(QUORLIX_COMMAND), arguments, home.path(), settings, 10000);
         EXPECT_EQ(run.exitCode, exitCode) << arguments.join(u' ').toStdString();
         EXPECT_TRUE(run.err.contains(QLatin1StringView(message)) && run.out.isEmpty())
+            << run.out.toStdString() << run.err.toStdString();
+    }
+}
+
+// Every program says what it is and how it is used, on standard output with status 0.
+TEST(QuorlixCommand, EveryProgramAnswersHelpAndVersion)
+{
+    QTemporaryDir home;
+    const std::tuple<const char*, QStringList, const char*> table[] = {
+        {QUORLIX_COMMAND, {"--version"}, "quorlix " QUORLIX_VERSION "\n"},
+        {QUORLIX_COMMAND, {"publish", "--version"}, "quorlix " QUORLIX_VERSION "\n"},
+        {QUORLIX_DIRECTORY_PROGRAM, {"--version"}, "quorlix-directory " QUORLIX_VERSION "\n"},
+        {QUORLIX_DIRECTORY_PROGRAM, {"--help"}, "Usage: quorlix-directory <port>"},
+    };
+    for (const auto& [program, arguments, expected] : table) {
+        const ProgramRun run = runProgram(QString::fromUtf8(program), arguments, home.path());
+        EXPECT_TRUE(run.exitCode == 0 && run.out.startsWith(QLatin1StringView(expected)))
             << run.out.toStdString() << run.err.toStdString();
     }
 }
@@ -228,6 +263,49 @@ TEST(QuorlixCommand, ScanShowsOtherFamiliesOnlyWithAllAndCalibrateStoresTheMedia
         EXPECT_NEAR(settings->measuredPower.value({uuid, 12, 7}, 0), -63, 1);
         EXPECT_EQ(settings->measuredPower.value({uuid, 1, 2}, 0), before.isEmpty() ? 0 : -70);
         EXPECT_EQ(settings->exitPeriod.count(), before.isEmpty() ? 30000 : 12000);
+    }
+}
+
+// Calibration without naming a file: calibrate writes the user's file (XDG_CONFIG_HOME or
+// ~/.config) and says where; scan and watch, with nothing set, then read it. The beacon is 2 m away
+// but held to be at 1 m, so the stored power makes scan place it at 1 m.
+TEST(QuorlixCommand, CalibrateThenScanWithoutTheVariableSeesTheNewDistance)
+{
+    DirectoryProcess directory;
+    for (const bool xdg : {false, true}) {
+        SCOPED_TRACE(xdg ? "XDG_CONFIG_HOME" : "~/.config");
+        QTemporaryDir home;
+        const QString scenario = writeFile(
+            home.path(), QStringLiteral("two-metres.json"),
+            R"({"seed": 3, "beacons": [{"uuid": "E1876979-75B5-43DE-92CB-2BC1AD6BA999", "major": 12,
+            "minor": 7, "measuredPower": -63, "interval": 0.1, "noise": 1, "path": [[0, 2.0]]}]})");
+        const QStringList settings{"XDG_CONFIG_HOME=" + home.filePath(QStringLiteral("xdg"))};
+        const QString expected =
+            home.filePath(xdg ? QStringLiteral("xdg/quorlix/calibration.json")
+                              : QStringLiteral(".config/quorlix/calibration.json"));
+        const QStringList source{"--source", "simulate:" + scenario, "--fast", "--seconds", "5"};
+        // Scan's table and watch's ranging (the region engine) alike.
+        const auto distance = [&](bool watch) {
+            const ProgramRun run = runProgram(
+                QStringLiteral(QUORLIX_COMMAND),
+                (watch ? QStringList{"watch", "1047", "--json", "--directory", directory.host()}
+                       : QStringList{"scan"}) +
+                    source,
+                home.path(), xdg ? settings : QStringList());
+            if (watch)
+                return run.json().empty() ? -1 : run.json().back()[u"distance"].toDouble();
+            const auto rows = scanRows(run);
+            return rows.count({5, "12-7"}) != 0 ? rows.at({5, "12-7"})[u"distance"].toDouble() : -1;
+        };
+        EXPECT_NEAR(distance(false), 2.0, 0.3);
+        const ProgramRun calibrated =
+            runProgram(QStringLiteral(QUORLIX_COMMAND), QStringList{"calibrate", "12-7"} + source,
+                       home.path(), xdg ? settings : QStringList());
+        ASSERT_EQ(calibrated.exitCode, 0) << calibrated.err.toStdString();
+        EXPECT_TRUE(calibrated.out.contains(QStringLiteral("to ") + expected + u'\n'))
+            << calibrated.out.toStdString();
+        EXPECT_NEAR(distance(false), 1.0, 0.2);
+        EXPECT_NEAR(distance(true), 1.0, 0.2);
     }
 }
 

@@ -1,6 +1,6 @@
 // quorlix-directory: the development directory service on loopback.
 //
-//   quorlix-directory <port> [devices.json]
+//   quorlix-directory <port> [devices.json]    (also --help, --version)
 //
 // Port 0 picks a free port. The first line printed is "listening on 127.0.0.1:<port>".
 
@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <iostream>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 namespace {
@@ -38,25 +39,46 @@ std::string sampleDevices()
     return QUORLIX_SAMPLE_DEVICES;
 }
 
-int usage()
+void usage(std::ostream& to)
 {
-    std::cerr << "usage: quorlix-directory <port> [devices.json]\n"
-                 "  port          TCP port on 127.0.0.1, 0 for any free port\n"
-                 "  devices.json  array of device records (default: the sample devices)\n";
-    return 2;
+    to << "Usage: quorlix-directory <port> [devices.json]\n"
+          "The development directory service: answers device lookups on 127.0.0.1.\n"
+          "  port          TCP port on 127.0.0.1, 0 for any free port (printed first)\n"
+          "  devices.json  array of device records (default: the sample devices)\n"
+          "  -h, --help    show this text\n"
+          "  --version     show the version\n";
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    if (argc < 2 || argc > 3)
-        return usage();
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view argument = argv[i];
+        if (argument == "--help" || argument == "-h") {
+            usage(std::cout);
+            return 0;
+        }
+        if (argument == "--version" || argument == "-V") {
+            std::cout << "quorlix-directory " QUORLIX_VERSION "\n";
+            return 0;
+        }
+        if (argument.starts_with("--")) {
+            std::cerr << "quorlix-directory: unknown option '" << argument << "'\n";
+            usage(std::cerr);
+            return 2;
+        }
+    }
+    if (argc < 2 || argc > 3) {
+        usage(std::cerr);
+        return 2;
+    }
     char* end = nullptr;
     const long port = std::strtol(argv[1], &end, 10);
     if (*argv[1] == '\0' || *end != '\0' || port < 0 || port > 65535) {
         std::cerr << "quorlix-directory: '" << argv[1] << "' is not a port number (0-65535)\n";
-        return usage();
+        usage(std::cerr);
+        return 2;
     }
     const std::string devices = argc == 3 ? argv[2] : sampleDevices();
     try {

@@ -1,5 +1,6 @@
 #include "BeaconFeed.h"
 
+#include "quorlix/location/LocationSettings.h"
 #include "quorlix/location/RealClock.h"
 #include "quorlix/location/SourceSelection.h"
 #include "quorlix/location/VirtualClock.h"
@@ -34,6 +35,8 @@ std::unique_ptr<BeaconFeed> BeaconFeed::create(const QString& sourceSetting, boo
         feed->m_clock = std::make_shared<Quorlix::RealClock>();
     }
     feed->m_engine = std::make_unique<Quorlix::RegionEngine>(*feed->m_clock);
+    // The calibration every program reads, so that a command and a host see the same distances.
+    feed->m_engine->applySettings(Quorlix::LocationSettings::defaults());
     feed->m_source = std::move(source);
 
     BeaconFeed* self = feed.get();

@@ -27,6 +27,7 @@ void BeaconTable::add(const Quorlix::Sighting& sighting)
     }
     entry.filter.addReading(sighting.timeNs, sighting.rssi + offset);
     entry.lastNs = sighting.timeNs;
+    entry.address = sighting.address;
     entry.recent.push_back(sighting.timeNs);
     while (!entry.recent.empty() && entry.recent.front() <= sighting.timeNs - rateWindowNs)
         entry.recent.pop_front();
@@ -58,6 +59,7 @@ std::vector<BeaconTable::Row> BeaconTable::rows(std::int64_t nowNs)
         row.readingsPerSecond =
             static_cast<double>(entry.recent.size()) * 1e9 / static_cast<double>(spanNs);
         row.lastHeardS = static_cast<double>(nowNs - entry.lastNs) / 1e9;
+        row.address = entry.address;
         rows.push_back(row);
         ++it;
     }

@@ -26,6 +26,9 @@ public:
         double distanceM = -1;
         double readingsPerSecond = 0;
         double lastHeardS = 0; ///< seconds ago
+        /// The transmitter's Bluetooth address in its latest advert ("C0:FF:EE:00:00:01"); a
+        /// beacon that changes its address shows the newest.
+        QByteArray address;
     };
 
     /// A beacon unheard this long leaves the table.
@@ -55,6 +58,7 @@ private:
         std::int64_t firstNs = 0;
         std::int64_t lastNs = 0;
         int measuredPower = Quorlix::ProximityFilter::defaultMeasuredPower;
+        QByteArray address;
     };
 
     Quorlix::LocationSettings m_settings;

@@ -25,10 +25,13 @@ QString CalibrateCommand::description() const
         "Hold the beacon 1 m from the receiver for the whole measurement. Prints the measured "
         "power (the median RSSI, rounded), the spread of the readings (the middle half) and "
         "their count, then writes or updates the beacon's entry in the calibration file, "
-        "keeping every other entry. The file is --file, else QUORLIX_CALIBRATION, else "
-        "~/.config/quorlix/calibration.json (the file the library reads when "
-        "QUORLIX_CALIBRATION names it). A file that exists but does not read as calibration "
-        "is reported and left as it is.");
+        "keeping every other entry, and prints the file's path. The file is --file, else "
+        "QUORLIX_CALIBRATION, else $XDG_CONFIG_HOME/quorlix/calibration.json "
+        "(~/.config/quorlix/calibration.json without XDG_CONFIG_HOME), which every quorlix "
+        "command and the library read when QUORLIX_CALIBRATION is not set; a first calibration "
+        "there starts from /etc/quorlix/calibration.json if that exists (the file services "
+        "read). A file that exists but does not read as calibration is reported and left as it "
+        "is.");
 }
 
 void CalibrateCommand::describe(QCommandLineParser& parser) const
@@ -52,7 +55,7 @@ QString CalibrateCommand::calibrationPath(const QCommandLineParser& parser)
     const QString named = qEnvironmentVariable(Quorlix::LocationSettings::fileVariable);
     if (!named.isEmpty())
         return named;
-    return QDir::homePath() + QStringLiteral("/.config/quorlix/calibration.json");
+    return Quorlix::LocationSettings::userFile();
 }
 
 CalibrateCommand::Measurement CalibrateCommand::measure(std::vector<int> rssi)
@@ -97,9 +100,13 @@ std::optional<int> CalibrateCommand::start(const QCommandLineParser& parser,
     // The file is read before measuring: a file that cannot be updated should not cost the user
     // half a minute of holding a beacon.
     m_path = calibrationPath(parser);
-    if (QFileInfo::exists(m_path)) {
+    // A user's first calibration starts from the system's file, which readers read until now.
+    m_readFrom = QFileInfo::exists(m_path) || parser.isSet(QStringLiteral("file"))
+                     ? m_path
+                     : Quorlix::LocationSettings::file();
+    if (!m_readFrom.isEmpty() && QFileInfo::exists(m_readFrom)) {
         std::optional<Quorlix::LocationSettings> existing =
-            Quorlix::LocationSettings::load(m_path, &problem);
+            Quorlix::LocationSettings::load(m_readFrom, &problem);
         if (!existing)
             return complain(problem + QStringLiteral("; the file is left as it is"));
         m_settings = std::move(*existing);
@@ -160,9 +167,10 @@ void CalibrateCommand::end()
 
     // Read again: the file may have changed while the beacon was held up.
     QString problem;
-    if (QFileInfo::exists(m_path)) {
+    const QString readFrom = QFileInfo::exists(m_path) ? m_path : m_readFrom;
+    if (!readFrom.isEmpty() && QFileInfo::exists(readFrom)) {
         std::optional<Quorlix::LocationSettings> existing =
-            Quorlix::LocationSettings::load(m_path, &problem);
+            Quorlix::LocationSettings::load(readFrom, &problem);
         if (!existing) {
             finish(complain(problem + QStringLiteral("; the file is left as it is")));
             return;

@@ -18,7 +18,7 @@ public:
     QString summary() const override;
     QString description() const override;
 
-    /// --file, else QUORLIX_CALIBRATION, else ~/.config/quorlix/calibration.json.
+    /// --file, else QUORLIX_CALIBRATION, else the user's calibration file.
     static QString calibrationPath(const QCommandLineParser& parser);
 
     struct Measurement
@@ -48,6 +48,8 @@ private:
     Quorlix::BeaconId m_beacon;
     Quorlix::LocationSettings m_settings;
     QString m_path;
+    /// The file the other entries come from: m_path, or the system's before a first calibration.
+    QString m_readFrom;
     std::vector<int> m_rssi;
     double m_seconds = 30;
     bool m_progressShown = false;

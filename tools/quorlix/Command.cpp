@@ -37,6 +37,7 @@ void Command::setUp(QCommandLineParser& parser) const
     parser.setApplicationDescription(wrapped(description()));
     parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsOptions);
     parser.addHelpOption();
+    parser.addVersionOption();
     describe(parser);
     CommonOptions::addTo(parser);
 }
@@ -63,6 +64,10 @@ int Command::run(const QStringList& arguments)
                         badUsage);
     if (parser.isSet(QStringLiteral("help"))) {
         std::fputs(qPrintable(helpText()), stdout);
+        return 0;
+    }
+    if (parser.isSet(QStringLiteral("version"))) {
+        std::printf("quorlix %s\n", qPrintable(QCoreApplication::applicationVersion()));
         return 0;
     }
     QString problem;

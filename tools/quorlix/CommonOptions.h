@@ -11,7 +11,8 @@ namespace QuorlixTool {
 /// and whether a simulated or replayed source runs on virtual time.
 struct CommonOptions
 {
-    /// "bluez", "simulate:<absolute path>" or "replay:<absolute path>".
+    /// "bluez", "bluez:<adapter>[,<adapter>...]" (--adapter), "simulate:<absolute path>" or
+    /// "replay:<absolute path>".
     QString source = QStringLiteral("bluez");
     /// host[:port] of the directory service.
     QString directory;

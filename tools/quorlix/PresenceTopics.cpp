@@ -5,6 +5,8 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 
+#include <cctype>
+
 namespace QuorlixTool {
 
 PresenceTopics::PresenceTopics(const QString& room)
@@ -14,10 +16,32 @@ PresenceTopics::PresenceTopics(const QString& room)
 
 QString PresenceTopics::slug(const QString& text)
 {
-    QString result;
-    for (const QChar c : text)
-        result += (c.isLetterOrNumber() && c.unicode() < 128) || c == u'-' ? c : QChar(u'_');
-    return result.isEmpty() ? QStringLiteral("_") : result;
+    // One to one, so that rooms and beacons that differ keep topics that differ: ASCII letters,
+    // digits and '-' stay, a space becomes '_', and every other byte of the UTF-8 text becomes
+    // '_' and two upper-case hex digits. A space whose '_' would be read as the start of such a
+    // code (two hex digits follow it) is written "_20" itself.
+    constexpr char space = '\x01'; // never in the output alphabet, so a safe placeholder
+    QByteArray coded;
+    for (const char c : text.toUtf8()) {
+        if (std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '-')
+            coded += c;
+        else if (c == ' ')
+            coded += space;
+        else
+            coded += '_' + QByteArray(1, c).toHex().toUpper();
+    }
+    const auto isHexDigit = [&coded](qsizetype i) {
+        return i < coded.size() &&
+               ((coded[i] >= '0' && coded[i] <= '9') || (coded[i] >= 'A' && coded[i] <= 'F'));
+    };
+    QByteArray result;
+    for (qsizetype i = 0; i < coded.size(); ++i) {
+        if (coded[i] != space)
+            result += coded[i];
+        else
+            result += isHexDigit(i + 1) && isHexDigit(i + 2) ? "_20" : "_";
+    }
+    return result.isEmpty() ? QStringLiteral("_") : QString::fromLatin1(result);
 }
 
 QByteArray PresenceTopics::availability() const

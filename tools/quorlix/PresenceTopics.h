@@ -33,7 +33,7 @@ public:
         friend bool operator==(const State&, const State&) = default;
     };
 
-    /// room: any text; it is kept to letters, digits, '_' and '-' in topics and identifiers.
+    /// room: any text; topics and identifiers carry it as slug() makes it.
     explicit PresenceTopics(const QString& room);
 
     QString room() const { return m_room; }
@@ -44,7 +44,10 @@ public:
     /// proximity word, distance and RSSI (sensors). label names the beacon for people.
     QList<Message> discovery(const QString& beacon, const QString& label) const;
 
-    /// Text reduced to what MQTT topics and Home Assistant object IDs accept everywhere.
+    /// Text written with what MQTT topics and Home Assistant object IDs accept everywhere
+    /// (letters, digits, '_' and '-'), readable and one to one: "Living Room" is "Living_Room",
+    /// "Living Room ü" is "Living_Room__C3_BC", "a_b" is "a_5Fb"; one to one for non-empty text
+    /// (empty text, which no room or beacon is, is "_" as " " is).
     static QString slug(const QString& text);
 
 private:

@@ -6,9 +6,9 @@
 #include "quorlix/model/BeaconFamily.h"
 
 #include <QCoreApplication>
-#include <QRegularExpression>
 #include <QSysInfo>
 
+#include <cmath>
 #include <cstdio>
 
 namespace QuorlixTool {
@@ -34,16 +34,20 @@ QString PublishCommand::description() const
         "discovery messages (homeassistant/<component>/<id>/config, retained) so that its "
         "entities appear by themselves; and quorlix/<room>/availability, \"online\" while "
         "running and \"offline\" afterwards (the broker's last will when the process dies). "
-        "After the broker restarts, everything is published again. A state is sent at once when "
-        "presence or the proximity word changes, otherwise at most once per --interval.\n"
+        "After the broker restarts, everything is published again. A beacon's first state is "
+        "its first entry or exit (a watched device not heard for the exit period is away), so "
+        "a restart never sends away for a beacon still in the room. Then a state is sent at once "
+        "when presence or the proximity word changes, otherwise at most once per --interval.\n"
+        "A broker that cannot be reached is retried, every 8 s at most, and said so at growing "
+        "intervals; a refused login or client identifier, or a failed TLS connection, ends publish "
+        "with status 1. Every option of the connection can also come from the environment, as "
+        "/etc/default/quorlix-publish sets it for the service.\n"
         "Several rooms publishing to one broker cover a building.");
 }
 
 void PublishCommand::describe(QCommandLineParser& parser) const
 {
-    parser.addOption({QStringLiteral("broker"),
-                      QStringLiteral("host[:port] of the MQTT broker (port 1883 by default)."),
-                      QStringLiteral("host:port")});
+    MqttOptions::addTo(parser);
     parser.addOption({QStringLiteral("watch"),
                       QStringLiteral("A device ID to publish; repeat for more (default: every "
                                      "family beacon heard)."),
@@ -64,30 +68,21 @@ void PublishCommand::describe(QCommandLineParser& parser) const
 std::optional<int> PublishCommand::start(const QCommandLineParser& parser,
                                          const CommonOptions& common)
 {
-    static const QRegularExpression brokerForm(
-        QStringLiteral("^([A-Za-z0-9.\\-]+|\\[([0-9A-Fa-f:]+)\\])(?::([0-9]{1,5}))?$"));
-    const QRegularExpressionMatch broker = brokerForm.match(parser.value(QStringLiteral("broker")));
-    if (!broker.hasMatch())
-        return complain(QStringLiteral("--broker wants host[:port], e.g. localhost:1883, not '%1'")
-                            .arg(parser.value(QStringLiteral("broker"))),
+    if (common.fast)
+        return complain(QStringLiteral("--fast is not for publish: a broker and the rooms that "
+                                       "read it live on the wall clock"),
                         badUsage);
-    const int port = broker.hasCaptured(3) ? broker.captured(3).toInt() : 1883;
-    if (port < 1 || port > 65535)
-        return complain(
-            QStringLiteral("--broker: '%1' is not a port number (1-65535)").arg(broker.captured(3)),
-            badUsage);
-    const QString host = broker.hasCaptured(2) ? broker.captured(2) : broker.captured(1);
-
     QString problem;
     const std::optional<double> seconds =
         CommonOptions::seconds(parser, QStringLiteral("seconds"), &problem);
     const std::optional<double> interval =
         CommonOptions::seconds(parser, QStringLiteral("interval"), &problem);
     const std::int64_t exitPeriod = WatchCommand::exitPeriodNs(parser, &problem);
+    std::optional<MqttOptions> mqtt;
+    if (problem.isEmpty())
+        mqtt = MqttOptions::read(parser, &problem);
     if (!problem.isEmpty())
         return complain(problem, badUsage);
-    if (common.fast && !seconds)
-        return complain(QStringLiteral("--fast needs --seconds"), badUsage);
     if (interval)
         m_intervalNs = static_cast<std::int64_t>(*interval * 1e9);
     const QString room = parser.isSet(QStringLiteral("room")) ? parser.value(QStringLiteral("room"))
@@ -140,11 +135,22 @@ std::optional<int> PublishCommand::start(const QCommandLineParser& parser,
             return;
         PresenceTopics::State state = found->second.state;
         state.home = true;
-        update(region->identifier, state, true);
+        update(region->identifier, state, true, true);
     };
     engine.exited = [this](const std::shared_ptr<Quorlix::BeaconRegion>& region) {
-        update(region->identifier, PresenceTopics::State{}, true);
+        update(region->identifier, PresenceTopics::State{}, true, true);
     };
+    // The engine exits only a region it entered; a watched device not heard for a whole exit
+    // period from the start is away by the same rule.
+    QStringList devices;
+    for (const auto& [device, region] : watched)
+        devices << device;
+    m_feed->after(exitPeriod, [this, devices] {
+        for (const QString& device : devices) {
+            if (!m_entities.at(device).decided)
+                update(device, PresenceTopics::State{}, true, true);
+        }
+    });
     engine.ranged = [this](const QList<Quorlix::Beacon>& beacons,
                            const std::shared_ptr<Quorlix::BeaconRegion>& region) {
         const auto found = m_entities.find(region->identifier);
@@ -157,17 +163,31 @@ std::optional<int> PublishCommand::start(const QCommandLineParser& parser,
         update(region->identifier, state, state.proximity != found->second.published.proximity);
     };
 
-    m_mqtt = std::make_unique<MqttClient>(host, port, QStringLiteral("quorlix-") + m_topics->room(),
-                                          m_topics->availability(), offline);
-    QObject::connect(m_mqtt.get(), &MqttClient::connected, [this, host, port] {
-        log(QStringLiteral("connected to %1:%2; publishing room %3")
-                .arg(host)
-                .arg(port)
-                .arg(m_topics->room()));
+    if (mqtt->clientId.isEmpty())
+        mqtt->clientId = QStringLiteral("quorlix-") + m_topics->room();
+    const QString broker = mqtt->address();
+    m_mqtt = std::make_unique<MqttClient>(*mqtt, m_topics->availability(), offline);
+    QObject::connect(m_mqtt.get(), &MqttClient::connected, [this, broker] {
+        log(QStringLiteral("connected to %1; publishing room %2").arg(broker, m_topics->room()));
         republishAll();
     });
     QObject::connect(m_mqtt.get(), &MqttClient::disconnected, [this](const QString& reason) {
         log(QStringLiteral("lost the broker (%1); reconnecting").arg(reason));
+    });
+    QObject::connect(
+        m_mqtt.get(), &MqttClient::failing, [this, broker](const QString& reason, double forS) {
+            log(forS < 1 ? QStringLiteral("cannot connect to %1 (%2); retrying").arg(broker, reason)
+                         : QStringLiteral("still cannot connect to %1 after %2 s "
+                                          "(%3); retrying")
+                               .arg(broker)
+                               .arg(std::lround(forS))
+                               .arg(reason));
+        });
+    QObject::connect(m_mqtt.get(), &MqttClient::gaveUp, [this, broker](const QString& reason) {
+        m_ended = true;
+        finish(complain(QStringLiteral("cannot connect to %1 (%2); retrying cannot help, so "
+                                       "publish stops")
+                            .arg(broker, reason)));
     });
     if (!m_mqtt->start(&problem))
         return complain(problem);
@@ -191,20 +211,26 @@ void PublishCommand::addEntity(const QString& id, const QString& label,
     }
 }
 
-void PublishCommand::update(const QString& id, const PresenceTopics::State& state, bool urgent)
+void PublishCommand::update(const QString& id, const PresenceTopics::State& state, bool urgent,
+                            bool decision)
 {
     const auto found = m_entities.find(id);
     if (found == m_entities.end())
         return;
     Entity& entity = found->second;
     entity.state = state;
+    entity.decided = entity.decided || decision;
+    if (!entity.decided)
+        return;
     const bool due = m_feed->elapsedNs() - entity.publishedNs >= m_intervalNs;
-    if ((urgent || due || !entity.everPublished) && entity.state != entity.published)
+    if (!entity.everPublished || ((urgent || due) && entity.state != entity.published))
         publishState(id, entity);
 }
 
 void PublishCommand::publishState(const QString& id, Entity& entity)
 {
+    if (!entity.decided)
+        return;
     // Unsent states stay in the entity; the next connection publishes them.
     if (!m_mqtt->publish(m_topics->state(id), m_topics->statePayload(entity.state)))
         return;

@@ -39,11 +39,15 @@ private:
         PresenceTopics::State published;
         std::int64_t publishedNs = 0;
         bool everPublished = false;
+        /// Whether the engine has said home or away yet: until then no state is published, so
+        /// that a restarted receiver never sends away for a beacon it still hears.
+        bool decided = false;
     };
 
     void addEntity(const QString& id, const QString& label,
                    std::shared_ptr<Quorlix::BeaconRegion> region);
-    void update(const QString& id, const PresenceTopics::State& state, bool urgent);
+    void update(const QString& id, const PresenceTopics::State& state, bool urgent,
+                bool decision = false);
     void publishState(const QString& id, Entity& entity);
     void announce(const QString& id, const Entity& entity);
     void republishAll();

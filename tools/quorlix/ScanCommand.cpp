@@ -19,16 +19,16 @@ QString ScanCommand::summary() const
 QString ScanCommand::description() const
 {
     return QStringLiteral(
-               "Shows the beacons heard: UUID, major, minor, smoothed RSSI, proximity word, "
-               "estimated "
-               "distance, readings per second and how long ago each was last heard, refreshed "
-               "every "
-               "second. On a terminal the table is redrawn in place; with --json, or when the "
+               "Shows the beacons heard: UUID, major, minor, the transmitter's Bluetooth "
+               "address, smoothed RSSI, proximity word, estimated distance, readings per second "
+               "and how long ago each was last heard, refreshed every second. On a terminal the "
+               "table is redrawn in place; with --json, or when the "
                "output "
                "is not a terminal, every refresh prints one JSON object per beacon and line.\n"
                "Only the device family (proximity UUID %1) is shown unless --all is given. "
-               "The calibration file (QUORLIX_CALIBRATION) counts as in watch: measured powers, "
-               "receiver offsets, the path-loss exponent and the band limits.")
+               "The calibration file (QUORLIX_CALIBRATION, else the user's, else the system's; "
+               "see calibrate) counts as in watch: measured powers, receiver offsets, the "
+               "path-loss exponent and the band limits.")
         .arg(QString::fromUtf16(Quorlix::BeaconFamily::proximityUUIDText));
 }
 
@@ -91,6 +91,7 @@ void ScanCommand::printJson(const std::vector<BeaconTable::Row>& rows)
             {QStringLiteral("uuid"), row.id.proximityUUID.toString(QUuid::WithoutBraces).toUpper()},
             {QStringLiteral("major"), row.id.major},
             {QStringLiteral("minor"), row.id.minor},
+            {QStringLiteral("address"), QString::fromLatin1(row.address)},
             {QStringLiteral("rssi"), row.rssi},
             {QStringLiteral("proximity"), BeaconTable::word(row.proximity)},
             {QStringLiteral("distance"),
@@ -108,16 +109,16 @@ void ScanCommand::printTable(const std::vector<BeaconTable::Row>& rows)
         std::printf("\x1b[%dF\x1b[J", m_linesShown);
     std::printf("quorlix scan  %.0f s  %zu beacon%s  (%s)\n", m_feed->elapsedS(), rows.size(),
                 rows.size() == 1 ? "" : "s", m_all ? "every iBeacon" : "device family");
-    std::printf("%-36s %5s %5s %5s  %-9s %8s %6s %10s\n", "UUID", "MAJOR", "MINOR", "RSSI",
-                "PROXIMITY", "DISTANCE", "READ/S", "LAST HEARD");
+    std::printf("%-36s %5s %5s %-17s %5s  %-9s %8s %6s %10s\n", "UUID", "MAJOR", "MINOR", "ADDRESS",
+                "RSSI", "PROXIMITY", "DISTANCE", "READ/S", "LAST HEARD");
     for (const BeaconTable::Row& row : rows) {
         const QVariant metres = BeaconTable::metres(row.distanceM);
         const QString distance =
             metres.isNull() ? QStringLiteral("?")
                             : QString::number(metres.toDouble(), 'f', 2) + QStringLiteral(" m");
-        std::printf("%-36s %5u %5u %5d  %-9s %8s %6.1f %8.1f s\n",
+        std::printf("%-36s %5u %5u %-17s %5d  %-9s %8s %6.1f %8.1f s\n",
                     qPrintable(row.id.proximityUUID.toString(QUuid::WithoutBraces).toUpper()),
-                    row.id.major, row.id.minor, row.rssi,
+                    row.id.major, row.id.minor, row.address.left(17).constData(), row.rssi,
                     qPrintable(BeaconTable::word(row.proximity)), qPrintable(distance),
                     row.readingsPerSecond, row.lastHeardS);
     }

@@ -7,9 +7,8 @@
 #include "ScanCommand.h"
 #include "WatchCommand.h"
 
-#include "quorlix/Version.h"
-
 #include <QCoreApplication>
+#include <QLoggingCategory>
 
 #include <cstdio>
 #include <memory>
@@ -36,7 +35,9 @@ void printOverview(std::FILE* to, const std::vector<std::unique_ptr<QuorlixTool:
     for (const auto& command : all)
         std::fprintf(to, "  %-10s %s\n", qPrintable(command->name()),
                      qPrintable(command->summary()));
-    std::fputs("\n'quorlix <command> --help' describes a command and its options.\n", to);
+    std::fputs("\n'quorlix <command> --help' describes a command and its options; "
+               "'quorlix --version' prints the version.\n",
+               to);
 }
 
 } // namespace
@@ -45,6 +46,12 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("quorlix"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(QUORLIX_VERSION));
+    // What the BlueZ source waits for (the system bus, bluetoothd, an adapter) is the first thing
+    // a user without Bluetooth needs to see: shown even where a system-wide logging file silences
+    // informational lines. QT_LOGGING_RULES still decides over it.
+    QLoggingCategory::setFilterRules(QStringLiteral("quorlix.platform.bluez.info=true\n"
+                                                    "quorlix.platform.bluez.warning=true"));
     const QStringList arguments = QCoreApplication::arguments();
     const auto all = commands();
 
@@ -53,8 +60,8 @@ int main(int argc, char** argv)
         printOverview(stdout, all);
         return 0;
     }
-    if (first == u"--version") {
-        std::fputs(reinterpret_cast<const char*>(QuorlixVersionString), stdout);
+    if (first == u"--version" || first == u"-V") {
+        std::printf("quorlix %s\n", QUORLIX_VERSION);
         return 0;
     }
     for (const auto& command : all) {

@@ -3,7 +3,9 @@
 #include "quorlix/LoggingCategories.h"
 #include "quorlix/location/sources/SourceFile.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -49,7 +51,8 @@ QJsonObject object(const QJsonValue& value, const QString& where,
     const QJsonObject members = value.toObject();
     for (auto it = members.begin(); it != members.end(); ++it) {
         if (std::find(known.begin(), known.end(), it.key()) == known.end())
-            throw SettingsError{where.isEmpty() ? it.key() : where + u'.' + it.key(),
+            throw SettingsError{where.isEmpty() ? SourceFile::quoted(it.key())
+                                                : where + u'.' + SourceFile::quoted(it.key()),
                                 QStringLiteral("unknown member")};
     }
     return members;
@@ -131,19 +134,22 @@ LocationSettings fromJson(const QJsonValue& document)
 QMutex defaultsMutex;
 std::optional<LocationSettings> installedDefaults;
 
-LocationSettings fromEnvironment()
+LocationSettings fromFile()
 {
-    const QString path = qEnvironmentVariable(LocationSettings::fileVariable);
+    const QString path = LocationSettings::file();
     if (path.isEmpty())
         return {};
     QString error;
     std::optional<LocationSettings> settings = LocationSettings::load(path, &error);
     if (!settings) {
-        qCWarning(lcLocation).noquote()
-            << QStringLiteral("%1=%2: %3; the built-in values stay")
-                   .arg(QLatin1StringView(LocationSettings::fileVariable), path, error);
+        const QString named = qEnvironmentVariable(LocationSettings::fileVariable);
+        if (!named.isEmpty())
+            error = QStringLiteral("%1=%2: %3")
+                        .arg(QLatin1StringView(LocationSettings::fileVariable), named, error);
+        qCWarning(lcLocation).noquote() << error + QStringLiteral("; the built-in values stay");
         return {};
     }
+    qCDebug(lcLocation).noquote() << QStringLiteral("calibration from %1").arg(path);
     return *settings;
 }
 
@@ -174,7 +180,8 @@ QString LocationSettings::problem() const
     }
     for (auto it = rssiOffset.begin(); it != rssiOffset.end(); ++it) {
         if (!isAdapterAddress(it.key()))
-            return QStringLiteral("\"%1\" is not an adapter address").arg(it.key());
+            return QStringLiteral("\"%1\" is not an adapter address")
+                .arg(SourceFile::quoted(it.key()));
         if (!std::isfinite(it.value()) || std::abs(it.value()) > 50)
             return QStringLiteral("the RSSI offset %1 dB of receiver %2 is outside -50 to 50")
                 .arg(it.value())
@@ -272,8 +279,28 @@ LocationSettings LocationSettings::defaults()
 {
     QMutexLocker lock(&defaultsMutex);
     if (!installedDefaults)
-        installedDefaults = fromEnvironment();
+        installedDefaults = fromFile();
     return *installedDefaults;
+}
+
+QString LocationSettings::file()
+{
+    if (const QString named = qEnvironmentVariable(fileVariable); !named.isEmpty())
+        return named;
+    for (const QString& path : {userFile(), QString::fromLatin1(systemFile)}) {
+        if (QFileInfo::exists(path))
+            return path;
+    }
+    return {};
+}
+
+QString LocationSettings::userFile()
+{
+    // A relative XDG_CONFIG_HOME is invalid and ignored, as the base directory rules say.
+    QString base = qEnvironmentVariable("XDG_CONFIG_HOME");
+    if (!QDir::isAbsolutePath(base))
+        base = QDir::homePath() + QStringLiteral("/.config");
+    return base + QStringLiteral("/quorlix/calibration.json");
 }
 
 bool LocationSettings::setDefaults(const LocationSettings& settings, QString* error)

@@ -29,8 +29,8 @@ QUORLIX_EXPORT size_t qHash(const BeaconId& id, size_t seed = 0) noexcept;
 ///
 /// A location manager starts with LocationSettings::defaults(); a host changes one manager with
 /// LocationManager::applySettings(), or every manager made afterwards with setDefaults(). Programs
-/// that are not recompiled read a calibration file instead: QUORLIX_CALIBRATION names it, in the
-/// JSON form of toJson() (see the README).
+/// that are not recompiled read a calibration file instead, in the JSON form of toJson(): the one
+/// QUORLIX_CALIBRATION names, else the user's, else the system's (see file()).
 struct QUORLIX_EXPORT LocationSettings
 {
     /// A monitored region is exited after this long without a sighting of it.
@@ -62,10 +62,18 @@ struct QUORLIX_EXPORT LocationSettings
     /// Replaces the file in one step (written aside, flushed, renamed); false and error on failure.
     bool save(const QString& path, QString* error) const;
 
-    /// The settings new location managers start with: the built-in values, or the file named by
-    /// QUORLIX_CALIBRATION when it is set and usable (a problem with it is logged on the
+    /// The settings new location managers start with: the built-in values, or those of file()
+    /// when there is one and it is usable (a problem with it is logged on the
     /// "quorlix.platform.location" category and the built-in values stay).
     static LocationSettings defaults();
+    /// The calibration file that defaults() reads: the one QUORLIX_CALIBRATION names, else
+    /// userFile() if it exists, else systemFile if it exists; empty when there is none.
+    static QString file();
+    /// $XDG_CONFIG_HOME/quorlix/calibration.json, ~/.config/quorlix/calibration.json without it:
+    /// where `quorlix calibrate` writes unless told otherwise.
+    static QString userFile();
+    /// For services, which run without a home folder of their own.
+    static constexpr char systemFile[] = "/etc/quorlix/calibration.json";
     /// Replaces defaults() for location managers made afterwards; refuses values with a problem.
     static bool setDefaults(const LocationSettings& settings, QString* error = nullptr);
 

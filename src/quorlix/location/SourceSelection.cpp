@@ -8,6 +8,7 @@
 #include "quorlix/location/sources/SimulatedSource.h"
 
 #include <QMutex>
+#include <QRegularExpression>
 
 namespace Quorlix {
 namespace {
@@ -15,6 +16,12 @@ namespace {
 // Guarded because hosts may install a factory from any thread.
 QMutex factoryMutex;
 LocationManager::Factory installedFactory;
+
+// Settings come from the environment: a quoted one is cut so that a message stays readable.
+QString quoted(const QString& text)
+{
+    return text.size() <= 40 ? text : text.left(40) + QStringLiteral("...");
+}
 
 } // namespace
 
@@ -43,6 +50,20 @@ std::unique_ptr<BeaconSource> SourceSelection::sourceFor(const QString& setting,
     const qsizetype colon = setting.indexOf(u':');
     const QString kind = setting.left(colon);
     const QString file = colon < 0 ? QString() : setting.mid(colon + 1);
+    if (kind == u"bluez") {
+        static const QRegularExpression adapter(
+            QStringLiteral("^(hci[0-9]{1,3}|([0-9A-Fa-f]{2}:){5}[0-9A-Fa-f]{2})$"));
+        const QStringList adapters = file.split(u',');
+        for (const QString& name : adapters) {
+            if (!adapter.match(name).hasMatch()) {
+                *problem = QStringLiteral("bluez:<adapters> wants hciN or a Bluetooth address "
+                                          "(comma-separated), not \"%1\"")
+                               .arg(quoted(name));
+                return nullptr;
+            }
+        }
+        return std::make_unique<BlueZSource>(adapters);
+    }
     if (kind == u"simulate" || kind == u"replay") {
         if (file.isEmpty()) {
             *problem = QStringLiteral("%1 needs a file: %1:<file>").arg(kind);
@@ -72,9 +93,9 @@ std::unique_ptr<BeaconSource> SourceSelection::sourceFor(const QString& setting,
                        .arg(bad.firstProblem);
         return std::make_unique<ReplaySource>(std::move(*rows));
     }
-    *problem = QStringLiteral("unknown source \"%1\"; expected bluez, simulate:<scenario.json> or "
-                              "replay:<trace.csv>")
-                   .arg(setting);
+    *problem = QStringLiteral("unknown source \"%1\"; expected bluez, bluez:<adapters>, "
+                              "simulate:<scenario.json> or replay:<trace.csv>")
+                   .arg(quoted(setting));
     return nullptr;
 }
 

@@ -45,9 +45,10 @@ class BlueZSourceTest : public ::testing::Test
 protected:
     void TearDown() override { qInstallMessageHandler(previous); }
 
-    std::unique_ptr<BlueZSource> makeSource(bool scanning, std::chrono::milliseconds restart = {})
+    std::unique_ptr<BlueZSource> makeSource(bool scanning, std::chrono::milliseconds restart = {},
+                                            const QStringList& adapters = {})
     {
-        auto source = std::make_unique<BlueZSource>();
+        auto source = std::make_unique<BlueZSource>(adapters);
         if (restart.count() > 0)
             source->setRestartInterval(restart);
         source->setClock(&clock);
@@ -160,9 +161,15 @@ TEST_F(BlueZSourceTest, DiscoveryRunsExactlyWhileScanningIsWantedAndOnlyFreshRss
 {
     mock.addAdapter(hci0);
     const QString beacon = mock.addBeacon(hci0, u"C0:FF:EE:00:00:04"_s, -60, apple, frame(1200, 7));
+    const QString known = mock.addBeacon(hci0, u"C0:FF:EE:00:00:05"_s, -60, apple, frame(1200, 5));
     const auto source = makeSource(true);
     source->setScanning(true); // wanted twice: still one discovery session
     ASSERT_TRUE(waitForLog(hci0, {filterLine, start}));
+    // bluetoothd sends a known beacon's data again only when it changes: its frame comes from the
+    // object list, and an RSSI update alone is a sighting.
+    mock.changeRssi(known, -65);
+    ASSERT_TRUE(waitForSightings(1));
+    EXPECT_EQ(sightings.takeFirst(), expected(0, "C0:FF:EE:00:00:05", 1200, 5, -65));
     // An RSSI is a reading only when it came with this signal or an earlier one of this scan: the
     // old reading of a device known before the start, or one bluetoothd invalidated, is never
     // passed on by a signal that carries only the advert data.
@@ -214,6 +221,77 @@ TEST_F(BlueZSourceTest, RestartsDiscoveryPeriodicallyAndRetriesARefusedStart)
     EXPECT_EQ(log().size(), calls) << "restarted while scanning was not wanted";
 }
 
+TEST_F(BlueZSourceTest, ScansOnlyTheAdaptersAskedFor)
+{
+    const QString hci1 = u"hci1"_s, hci2 = u"hci2"_s; // hci1 is 01:02:03:04:05:06
+    for (const QString& name : {hci0, hci1, hci2})
+        mock.addAdapter(name);
+    const auto source = makeSource(true, {}, {hci0, u"01:02:03:04:05:06"_s});
+    ASSERT_TRUE(waitForLog(hci0, {filterLine, start}));
+    ASSERT_TRUE(waitForLog(hci1, {filterLine, start}));
+    mock.addBeacon(hci2, u"C0:FF:EE:00:00:02"_s, -60, apple, frame(1, 2));
+    mock.addBeacon(hci1, u"C0:FF:EE:00:00:01"_s, -60, apple, frame(1, 1));
+    ASSERT_TRUE(waitForSightings(1));
+    Testing::runFor(100);
+    EXPECT_EQ(sightings.size(), 1);
+    EXPECT_EQ(sightings.constFirst().minor, 1);
+    EXPECT_TRUE(mock.discoveryLog(hci2).isEmpty());
+}
+
+// bluetoothd answers a stop only once the kernel stopped, and a start that comes before that
+// answer is granted and then lost: restarts must wait for the answer.
+TEST_F(BlueZSourceTest, ARestartStartsOnlyOnceItsStopIsAnswered)
+{
+    mock.addAdapter(hci0);
+    mock.setStopDelay(hci0, 80);
+    const auto source = makeSource(true, 200ms);
+    const QString beacon = mock.addBeacon(hci0, u"C0:FF:EE:00:00:06"_s, -60, apple, frame(6, 6));
+    ASSERT_TRUE(Testing::runUntil([&] { return mock.discoveryLog(hci0).count(stop) >= 6; }, 8000));
+    EXPECT_EQ(mock.lostStarts(hci0), 0u);
+    sightings.clear();
+    mock.advertise(beacon, -61, apple, frame(6, 6));
+    EXPECT_TRUE(Testing::runUntil(
+        [&] {
+            mock.advertise(beacon, -61, apple, frame(6, 6));
+            return !sightings.isEmpty();
+        },
+        2000))
+        << "deaf after the restarts";
+}
+
+// Discovery that ends under the source, or an adapter that falls silent while it says it
+// discovers, is restarted without waiting for a periodic restart (disabled here), and said so.
+TEST_F(BlueZSourceTest, LostOrSilentDiscoveryIsRestarted)
+{
+    const std::pair<const char*, QString> cases[] = {
+        {"drop", u"stopped discovering while we scan"_s},
+        {"deafen", u"has heard nothing for"_s},
+    };
+    mock.addAdapter(hci0);
+    auto source = makeSource(false);
+    source->setRestartInterval(0ms);
+    source->setSilenceLimit(2500ms);
+    source->setScanning(true);
+    ASSERT_TRUE(waitForLog(hci0, {filterLine, start}));
+    const QString beacon = mock.addBeacon(hci0, u"C0:FF:EE:00:00:0A"_s, -60, apple, frame(10, 1));
+    for (const auto& [fault, warning] : cases) {
+        SCOPED_TRACE(fault);
+        ASSERT_TRUE(waitForSightings(1));
+        QString(fault) == u"drop" ? mock.dropDiscovery(hci0) : mock.deafen(hci0);
+        messages.clear();
+        // A beacon that keeps advertising is heard again once discovery is restarted.
+        sightings.clear();
+        EXPECT_TRUE(Testing::runUntil(
+            [&] {
+                mock.advertise(beacon, -60, apple, frame(10, 1));
+                Testing::runFor(50);
+                return !sightings.isEmpty();
+            },
+            5000));
+        EXPECT_TRUE(messages.join(u'\n').contains(warning)) << messages.join(u'\n').toStdString();
+    }
+}
+
 // Scanning is wanted while nothing usable is there, from the start or from the middle of a scan;
 // the source says why, and starts by itself once the adapter is usable again.
 struct Unusable
@@ -231,6 +309,13 @@ class BlueZSourceWaitTest : public BlueZSourceTest, public ::testing::WithParamI
 protected:
     void act(const QByteArray& what)
     {
+        if (what == "no bus") {
+            bus = qgetenv("DBUS_SYSTEM_BUS_ADDRESS");
+            qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/quorlix-test-bus");
+            mock.addAdapter(hci0);
+        }
+        if (what == "bus")
+            qputenv("DBUS_SYSTEM_BUS_ADDRESS", bus);
         if (what == "kill")
             mock.stop();
         if (what == "restart")
@@ -242,6 +327,7 @@ protected:
         if (what == "remove")
             mock.removeAdapterWithDevices(hci0);
     }
+    QByteArray bus;
 };
 
 TEST_P(BlueZSourceWaitTest, StartsOnceAnAdapterIsUsable)
@@ -266,6 +352,7 @@ TEST_P(BlueZSourceWaitTest, StartsOnceAnAdapterIsUsable)
 
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(Adapters, BlueZSourceWaitTest, ::testing::Values(
+    Unusable{"NoSystemBus", false, "no bus", "bus", "cannot reach the system bus", {filterLine, start}},
     Unusable{"NoBluetoothd", false, "kill", "restart", "bluetoothd (org.bluez) is not on the system bus", {filterLine, start}},
     Unusable{"NoAdapter", false, "", "add", "no Bluetooth adapter is present", {filterLine, start}},
     Unusable{"AdapterOff", false, "add off", "on", "adapter /org/bluez/hci0 is powered off", {filterLine, start}},

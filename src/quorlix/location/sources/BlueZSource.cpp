@@ -15,9 +15,11 @@
 #include <QHash>
 #include <QSet>
 
+#include <QCoreApplication>
 #include <QTimer>
 
 #include <algorithm>
+#include <atomic>
 #include <optional>
 
 // What BlueZ does about duplicate adverts, and how this source copes (BlueZ 5.66, Debian 12;
@@ -36,8 +38,18 @@
 //   kernel restarts the scan for RSSI updates only for controllers it knows to filter that way.
 //   Restarting our discovery session every few seconds (setRestartInterval) resets that filter,
 //   so every present beacon is heard again well within the engine's exit period.
-// - When discovery stops underneath bluetoothd while clients still want it, bluetoothd starts it
-//   again after an idle pause of 5 s (IDLE_DISCOV_TIMEOUT): far below the 30 s exit period.
+// - bluetoothd answers StopDiscovery only once the kernel has stopped. A StartDiscovery that
+//   arrives before that answer finds the old filter "equal", is granted without restarting the
+//   scan, and the finishing stop then takes our discovery away: deaf until the next restart. So
+//   each adapter's discovery calls wait for the previous reply, and a restart starts only after
+//   its stop was answered.
+// - Discovery can still end under us (a stop inside bluetoothd, a suspended scan, a controller
+//   that falls silent while it reports Discovering). bluetoothd would restart it only after an
+//   idle pause of 5 s (IDLE_DISCOV_TIMEOUT), so Adapter1.Discovering is watched, and an adapter
+//   from which nothing at all was heard for a while gets its discovery restarted. Each such
+//   recovery is one warning line.
+// - Each source has a bus connection of its own: bluetoothd keeps one discovery session per
+//   client (bus name), so two sources sharing a connection would stop each other's discovery.
 // - Devices not seen for a while (TemporaryTimeout, 30 s by default) are removed from the object
 //   tree (InterfacesRemoved). That only drops our cache; deciding an exit stays the engine's job.
 // - Objects already in the tree when we start (GetManagedObjects) carry old readings: they seed
@@ -157,10 +169,14 @@ class BlueZSource::Private : public QObject
     Q_OBJECT
 
 public:
-    explicit Private(BlueZSource& source);
+    Private(BlueZSource& source, QStringList adapters);
+    ~Private() override;
+    Private(const Private&) = delete;
+    Private& operator=(const Private&) = delete;
 
     void setScanning(bool wanted);
     void setRestartInterval(std::chrono::milliseconds interval);
+    void setSilenceLimit(std::chrono::milliseconds limit) { m_silenceLimit = limit; }
 
 private slots:
     void onInterfacesAdded(const QDBusMessage& message);
@@ -169,66 +185,112 @@ private slots:
     void onAdapterPropertiesChanged(const QDBusMessage& message);
 
 private:
+    using Steady = std::chrono::steady_clock;
     struct Adapter
     {
+        quint64 id = 0;     ///< replies for an adapter object that has gone since are ignored
+        QByteArray address; ///< what per-receiver calibration names it by
         bool powered = false;
-        bool session = false; ///< our discovery session is started or being started
-        QByteArray address;   ///< what per-receiver calibration names it by
+        bool discovering = false; ///< Adapter1.Discovering, as bluetoothd last said
+        bool session = false;     ///< bluetoothd granted our discovery and it was not stopped since
+        bool busy = false;        ///< a discovery call is under way; the next waits for its reply
+        bool restart = false;     ///< stop and start again once the adapter is not busy
+        Steady::time_point lastHeard;   ///< any device's advert, or the start of our session
+        Steady::time_point lastAttempt; ///< our last start
+        Steady::time_point notDiscoveringSince;
+        int strikes = 0; ///< recoveries since something was last heard; each waits longer
     };
     struct Device
     {
         QByteArray address;
+        QString adapter;     ///< its adapter's object path
         QByteArray receiver; ///< its adapter's address
         std::optional<IBeaconFrame> frame;
         std::optional<int> rssi;
     };
+    using Reply = std::function<void(Adapter&, const QDBusError&)>;
 
+    void connectToBus();
     void connectSignals();
     void loadObjects();
     void forgetAll();
+    bool isSelected(const QString& path, const QByteArray& address) const;
     void addObject(const QString& path, const InterfaceMap& interfaces, bool fresh);
     void addAdapter(const QString& path, const PropertyMap& properties);
     void removeAdapter(const QString& path);
     void addDevice(const QString& path, const PropertyMap& properties, bool fresh);
     void updateDevice(Device& device, const PropertyMap& changed, const QStringList& invalidated);
-    void startDiscovery(const QString& path);
-    void stopDiscovery(const QString& path);
+    void heard(const QString& adapterPath);
+    void advance(const QString& path);
+    void start(const QString& path, Adapter& adapter);
     void restartDiscovery();
+    void supervise();
+    void recover(const QString& path, Adapter& adapter);
     void reportAdapters() const;
     void call(const QString& path, const QString& method, const QVariantList& arguments,
-              std::function<void(const QDBusError&)> onError);
+              Reply reply);
     std::int64_t now() const;
 
     BlueZSource& m_source;
-    QDBusConnection m_bus;
+    const QStringList m_selection; ///< adapters asked for by name (hci0) or address; empty: all
+    const QString m_connectionName;
+    QDBusConnection m_bus{QString()};
+    QTimer m_busRetry;
+    int m_busAttempts = 0;
     QDBusServiceWatcher m_watcher;
     QTimer m_restartTimer;
+    QTimer m_superviseTimer;
+    std::chrono::milliseconds m_silenceLimit = defaultSilenceLimit;
     bool m_wanted = false;
     // bluetoothd is on the bus and its object list has been read.
     bool m_loaded = false;
     // Replies from a bluetoothd that has gone since are ignored.
     quint64 m_generation = 0;
+    quint64 m_nextAdapterId = 0;
     QHash<QString, Adapter> m_adapters;
     QHash<QString, Device> m_devices;
 };
 
-BlueZSource::Private::Private(BlueZSource& source)
+namespace {
+
+// Bounds every discovery call: a bluetoothd that does not answer must not hold an adapter busy.
+constexpr int callTimeoutMs = 5000;
+// How long Discovering may stay false under our session before we take it as lost; bluetoothd
+// passes through false for a moment when it restarts its own scan.
+constexpr auto discoveryGrace = std::chrono::seconds(1);
+// A refused start is tried again after this, when no periodic restart came first.
+constexpr auto startRetry = std::chrono::seconds(2);
+// Recoveries that hear nothing back off up to this, so that a silent room logs little.
+constexpr auto longestBackoff = std::chrono::seconds(60);
+
+std::chrono::milliseconds backedOff(std::chrono::milliseconds base, int strikes)
+{
+    const auto cap = std::max<std::chrono::milliseconds>(base, longestBackoff);
+    auto wait = base;
+    for (int i = 0; i < strikes && wait < cap; ++i)
+        wait *= 2;
+    return std::min(wait, cap);
+}
+
+QString connectionName()
+{
+    static std::atomic<quint64> next{0};
+    return QStringLiteral("quorlix-bluez-%1").arg(next++);
+}
+
+} // namespace
+
+BlueZSource::Private::Private(BlueZSource& source, QStringList adapters)
     : m_source(source)
-    , m_bus(QDBusConnection::systemBus())
+    , m_selection(std::move(adapters))
+    , m_connectionName(connectionName())
 {
     m_restartTimer.setInterval(defaultRestartInterval);
     connect(&m_restartTimer, &QTimer::timeout, this, &Private::restartDiscovery);
-    if (!m_bus.isConnected()) {
-        qCWarning(lcBlueZ).noquote()
-            << "cannot reach the system bus:" << m_bus.lastError().message()
-            << "; no Bluetooth adapter will be used";
-        return;
-    }
-    connectSignals();
-    m_watcher.setConnection(m_bus);
-    m_watcher.addWatchedService(service);
-    m_watcher.setWatchMode(QDBusServiceWatcher::WatchForRegistration |
-                           QDBusServiceWatcher::WatchForUnregistration);
+    m_superviseTimer.setInterval(500);
+    connect(&m_superviseTimer, &QTimer::timeout, this, &Private::supervise);
+    m_busRetry.setSingleShot(true);
+    connect(&m_busRetry, &QTimer::timeout, this, &Private::connectToBus);
     connect(&m_watcher, &QDBusServiceWatcher::serviceRegistered, this, [this] {
         qCInfo(lcBlueZ) << "bluetoothd appeared on the system bus";
         loadObjects();
@@ -237,6 +299,62 @@ BlueZSource::Private::Private(BlueZSource& source)
         qCWarning(lcBlueZ) << "bluetoothd left the system bus; waiting for it to come back";
         forgetAll();
     });
+    connectToBus();
+}
+
+BlueZSource::Private::~Private()
+{
+    // Our discovery sessions end with our connection: bluetoothd drops a client's discovery when
+    // the client leaves the bus. The stops are sent first, so that bluetoothd hears them in any
+    // case, and the connection is closed once they are answered.
+    auto* app = QCoreApplication::instance();
+    auto open = std::make_shared<int>(0);
+    const QString name = m_connectionName;
+    for (auto it = m_adapters.cbegin(); app && m_bus.isConnected() && it != m_adapters.cend();
+         ++it) {
+        if (!it->session && !it->busy)
+            continue;
+        const auto message = QDBusMessage::createMethodCall(service, it.key(), adapterInterface,
+                                                            QStringLiteral("StopDiscovery"));
+        auto* watcher = new QDBusPendingCallWatcher(m_bus.asyncCall(message, 1000), app);
+        ++*open;
+        QObject::connect(watcher, &QDBusPendingCallWatcher::finished, app,
+                         [open, name](QDBusPendingCallWatcher* call) {
+                             call->deleteLater();
+                             if (--*open == 0)
+                                 QDBusConnection::disconnectFromBus(name);
+                         });
+    }
+    if (*open == 0)
+        QDBusConnection::disconnectFromBus(name);
+}
+
+void BlueZSource::Private::connectToBus()
+{
+    // The address is read at each attempt: libdbus reads the environment only once per process.
+    const QByteArray address = qgetenv("DBUS_SYSTEM_BUS_ADDRESS");
+    m_bus = QDBusConnection::connectToBus(
+        address.isEmpty() ? QStringLiteral("unix:path=/var/run/dbus/system_bus_socket")
+                          : QString::fromLocal8Bit(address),
+        m_connectionName);
+    if (!m_bus.isConnected()) {
+        const QString why = m_bus.lastError().message();
+        QDBusConnection::disconnectFromBus(m_connectionName);
+        const int delay = 1 << std::min(m_busAttempts++, 5);
+        qCWarning(lcBlueZ).noquote() << QStringLiteral("cannot reach the system bus: %1; waiting "
+                                                       "for it (trying again in %2 s)")
+                                            .arg(why.left(200))
+                                            .arg(delay);
+        m_busRetry.start(delay * 1000);
+        return;
+    }
+    if (m_busAttempts > 0)
+        qCInfo(lcBlueZ) << "reached the system bus";
+    connectSignals();
+    m_watcher.setConnection(m_bus);
+    m_watcher.addWatchedService(service);
+    m_watcher.setWatchMode(QDBusServiceWatcher::WatchForRegistration |
+                           QDBusServiceWatcher::WatchForUnregistration);
     if (m_bus.interface()->isServiceRegistered(service))
         loadObjects();
     else
@@ -265,7 +383,7 @@ void BlueZSource::Private::loadObjects()
     const quint64 generation = ++m_generation;
     const auto message = QDBusMessage::createMethodCall(
         service, QStringLiteral("/"), objectManagerInterface, QStringLiteral("GetManagedObjects"));
-    auto* watcher = new QDBusPendingCallWatcher(m_bus.asyncCall(message), this);
+    auto* watcher = new QDBusPendingCallWatcher(m_bus.asyncCall(message, callTimeoutMs), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this,
             [this, generation](QDBusPendingCallWatcher* call) {
                 call->deleteLater();
@@ -280,18 +398,25 @@ void BlueZSource::Private::loadObjects()
                 if (!hasSignature(reply, managedObjectsSignature))
                     return;
                 const auto objects = reply.arguments().constFirst().value<QDBusArgument>();
+                // Adapters first, so that devices listed before their adapter know its address.
+                QList<std::pair<QString, InterfaceMap>> listed;
                 objects.beginMap();
                 while (!objects.atEnd()) {
                     QDBusObjectPath path;
                     objects.beginMapEntry();
                     objects >> path;
-                    const InterfaceMap interfaces = readInterfaces(objects);
+                    listed.append({path.path(), readInterfaces(objects)});
                     objects.endMapEntry();
-                    // Signals may have announced the object while the call was under way.
-                    if (!m_adapters.contains(path.path()) && !m_devices.contains(path.path()))
-                        addObject(path.path(), interfaces, false);
                 }
                 objects.endMap();
+                std::stable_partition(listed.begin(), listed.end(), [](const auto& object) {
+                    return object.second.contains(adapterInterface);
+                });
+                for (const auto& [path, interfaces] : listed) {
+                    // Signals may have announced the object while the call was under way.
+                    if (!m_adapters.contains(path) && !m_devices.contains(path))
+                        addObject(path, interfaces, false);
+                }
                 m_loaded = true;
                 reportAdapters();
             });
@@ -303,6 +428,17 @@ void BlueZSource::Private::forgetAll()
     ++m_generation;
     m_adapters.clear();
     m_devices.clear();
+}
+
+bool BlueZSource::Private::isSelected(const QString& path, const QByteArray& address) const
+{
+    if (m_selection.isEmpty())
+        return true;
+    const QString name = path.section(QLatin1Char('/'), -1);
+    return std::any_of(m_selection.cbegin(), m_selection.cend(), [&](const QString& wanted) {
+        return wanted == name || (!address.isEmpty() &&
+                                  wanted.compare(QLatin1String(address), Qt::CaseInsensitive) == 0);
+    });
 }
 
 void BlueZSource::Private::addObject(const QString& path, const InterfaceMap& interfaces,
@@ -317,18 +453,26 @@ void BlueZSource::Private::addObject(const QString& path, const InterfaceMap& in
 
 void BlueZSource::Private::addAdapter(const QString& path, const PropertyMap& properties)
 {
+    const QByteArray address = properties.value(QStringLiteral("Address")).toString().toLatin1();
+    if (!isSelected(path, address)) {
+        qCDebug(lcBlueZ).noquote() << "adapter" << path << "is not among" << m_selection;
+        return;
+    }
     Adapter& adapter = m_adapters[path];
+    adapter = Adapter{};
+    adapter.id = ++m_nextAdapterId;
+    adapter.address = address;
     const QVariant powered = properties.value(QStringLiteral("Powered"));
     adapter.powered = powered.typeId() == QMetaType::Bool && powered.toBool();
-    adapter.session = false;
-    adapter.address = properties.value(QStringLiteral("Address")).toString().toLatin1();
+    const QVariant discovering = properties.value(QStringLiteral("Discovering"));
+    adapter.discovering = discovering.typeId() == QMetaType::Bool && discovering.toBool();
+    adapter.lastHeard = adapter.notDiscoveringSince = Steady::now();
     if (adapter.powered)
         qCInfo(lcBlueZ).noquote() << "adapter" << path << "is on";
     else
         qCWarning(lcBlueZ).noquote()
             << "adapter" << path << "is powered off; it is used once it is powered on";
-    if (m_wanted && adapter.powered)
-        startDiscovery(path);
+    advance(path);
 }
 
 void BlueZSource::Private::removeAdapter(const QString& path)
@@ -344,6 +488,10 @@ void BlueZSource::Private::removeAdapter(const QString& path)
 
 void BlueZSource::Private::addDevice(const QString& path, const PropertyMap& properties, bool fresh)
 {
+    const QString adapterPath = path.section(QLatin1Char('/'), 0, -2);
+    const auto adapter = m_adapters.constFind(adapterPath);
+    if (adapter == m_adapters.constEnd())
+        return; // an adapter not asked for, or one already gone
     Device& device = m_devices[path];
     const QVariant address = properties.value(QStringLiteral("Address"));
     device.address = address.typeId() == QMetaType::QString ? address.toString().left(64).toLatin1()
@@ -353,8 +501,10 @@ void BlueZSource::Private::addDevice(const QString& path, const PropertyMap& pro
                              .mid(4)
                              .replace(QLatin1Char('_'), QLatin1Char(':'))
                              .toLatin1();
-    device.receiver = m_adapters.value(path.section(QLatin1Char('/'), 0, -2)).address;
+    device.adapter = adapterPath;
+    device.receiver = adapter->address;
     if (fresh) {
+        heard(adapterPath);
         updateDevice(device, properties, {});
         return;
     }
@@ -380,9 +530,9 @@ void BlueZSource::Private::updateDevice(Device& device, const PropertyMap& chang
     if (data != changed.constEnd())
         device.frame = readIBeacon(*data);
     // An advert whose RSSI is malformed is not heard at all: an older reading must not stand in.
-    const bool heard =
+    const bool isHeard =
         rssi != changed.constEnd() ? reading.has_value() : data != changed.constEnd();
-    if (!heard || !m_wanted || !device.frame || !device.rssi)
+    if (!isHeard || !m_wanted || !device.frame || !device.rssi)
         return;
     Sighting sighting;
     sighting.timeNs = now();
@@ -394,6 +544,14 @@ void BlueZSource::Private::updateDevice(Device& device, const PropertyMap& chang
     sighting.rssi = *device.rssi;
     sighting.receiver = device.receiver;
     m_source.deliver(sighting);
+}
+
+void BlueZSource::Private::heard(const QString& adapterPath)
+{
+    if (const auto adapter = m_adapters.find(adapterPath); adapter != m_adapters.end()) {
+        adapter->lastHeard = Steady::now();
+        adapter->strikes = 0;
+    }
 }
 
 void BlueZSource::Private::onInterfacesAdded(const QDBusMessage& message)
@@ -432,6 +590,7 @@ void BlueZSource::Private::onDevicePropertiesChanged(const QDBusMessage& message
     // the object list is being read, and its next advert is not far.
     if (device == m_devices.end())
         return;
+    heard(device->adapter);
     updateDevice(device.value(), qdbus_cast<PropertyMap>(arguments[1].value<QDBusArgument>()),
                  arguments[2].toStringList());
 }
@@ -441,24 +600,31 @@ void BlueZSource::Private::onAdapterPropertiesChanged(const QDBusMessage& messag
     if (!hasSignature(message, propertiesChangedSignature))
         return;
     const QVariantList arguments = message.arguments();
-    const auto adapter = m_adapters.find(message.path());
+    const QString path = message.path();
+    const auto adapter = m_adapters.find(path);
     if (adapter == m_adapters.end())
         return;
     const PropertyMap changed = qdbus_cast<PropertyMap>(arguments[1].value<QDBusArgument>());
+    if (const auto discovering = changed.constFind(QStringLiteral("Discovering"));
+        discovering != changed.constEnd() && discovering->typeId() == QMetaType::Bool) {
+        adapter->discovering = discovering->toBool();
+        if (!adapter->discovering)
+            adapter->notDiscoveringSince = Steady::now();
+    }
     const auto powered = changed.constFind(QStringLiteral("Powered"));
     if (powered == changed.constEnd() || powered->typeId() != QMetaType::Bool ||
         powered->toBool() == adapter->powered)
         return;
     adapter->powered = powered->toBool();
-    // Powering off ends every discovery session on the adapter.
-    adapter->session = false;
     if (adapter->powered) {
-        qCInfo(lcBlueZ).noquote() << "adapter" << message.path() << "was powered on";
-        if (m_wanted)
-            startDiscovery(message.path());
+        qCInfo(lcBlueZ).noquote() << "adapter" << path << "was powered on";
+        advance(path);
     } else {
+        // Powering off ends every discovery session on the adapter.
+        adapter->session = false;
+        adapter->restart = false;
         qCWarning(lcBlueZ).noquote()
-            << "adapter" << message.path() << "was powered off; it is used again once powered on";
+            << "adapter" << path << "was powered off; it is used again once powered on";
     }
     reportAdapters();
 }
@@ -468,18 +634,20 @@ void BlueZSource::Private::setScanning(bool wanted)
     if (wanted == m_wanted)
         return;
     m_wanted = wanted;
-    for (auto it = m_adapters.cbegin(); it != m_adapters.cend(); ++it) {
-        if (wanted && it->powered)
-            startDiscovery(it.key());
-        else if (!wanted)
-            stopDiscovery(it.key());
+    const auto now = Steady::now();
+    for (auto it = m_adapters.begin(); it != m_adapters.end(); ++it) {
+        it->lastHeard = now;
+        it->strikes = 0;
+        advance(it.key());
     }
     if (wanted) {
         if (m_restartTimer.interval() > 0)
             m_restartTimer.start();
+        m_superviseTimer.start();
         reportAdapters();
     } else {
         m_restartTimer.stop();
+        m_superviseTimer.stop();
     }
 }
 
@@ -492,61 +660,127 @@ void BlueZSource::Private::setRestartInterval(std::chrono::milliseconds interval
         m_restartTimer.start();
 }
 
-void BlueZSource::Private::startDiscovery(const QString& path)
+// Brings the adapter's discovery one call closer to what is wanted; called again with each reply.
+void BlueZSource::Private::advance(const QString& path)
 {
-    Adapter& adapter = m_adapters[path];
-    if (adapter.session)
+    const auto it = m_adapters.find(path);
+    if (it == m_adapters.end() || it->busy)
         return;
-    adapter.session = true;
+    Adapter& adapter = *it;
+    const bool wanted = m_wanted && adapter.powered;
+    if (adapter.session && (!wanted || adapter.restart)) {
+        adapter.busy = true;
+        call(path, QStringLiteral("StopDiscovery"), {},
+             [path](Adapter& stopped, const QDBusError& error) {
+                 // Refused or not, there is no session of ours left to stop.
+                 stopped.session = false;
+                 stopped.restart = false;
+                 stopped.busy = false;
+                 if (error.isValid())
+                     qCDebug(lcBlueZ).noquote()
+                         << "adapter" << path << "StopDiscovery:" << error.message();
+             });
+        return;
+    }
+    adapter.restart = false;
+    if (!adapter.session && wanted)
+        start(path, adapter);
+}
+
+void BlueZSource::Private::start(const QString& path, Adapter& adapter)
+{
+    adapter.busy = true;
+    adapter.lastAttempt = Steady::now();
     // The filter belongs to our discovery session and goes with it, so it is set before every
-    // start. Calls on one connection reach bluetoothd in order.
+    // start.
     const QVariantMap filter{
         {QStringLiteral("Transport"), QStringLiteral("le")},
         {QStringLiteral("DuplicateData"), true},
         {QStringLiteral("RSSI"), QVariant::fromValue(qint16(-127))},
     };
-    call(path, QStringLiteral("SetDiscoveryFilter"), {filter}, [path](const QDBusError& error) {
-        qCWarning(lcBlueZ).noquote()
-            << "adapter" << path << "refused the discovery filter (" << error.name()
-            << error.message() << "); stationary beacons may be reported only now and then";
-    });
-    call(path, QStringLiteral("StartDiscovery"), {}, [this, path](const QDBusError& error) {
-        if (isAlreadyActive(error))
+    const auto started = [path](Adapter& starting, const QDBusError& error) {
+        starting.busy = false;
+        if (!error.isValid() || isAlreadyActive(error)) {
+            starting.session = true;
+            starting.lastHeard = starting.notDiscoveringSince = Steady::now();
             return;
-        if (const auto adapter = m_adapters.find(path); adapter != m_adapters.end())
-            adapter->session = false;
+        }
         qCWarning(lcBlueZ).noquote() << "adapter" << path << "cannot start discovery ("
                                      << error.name() << error.message() << ")";
-    });
-}
-
-void BlueZSource::Private::stopDiscovery(const QString& path)
-{
-    Adapter& adapter = m_adapters[path];
-    if (!adapter.session)
-        return;
-    adapter.session = false;
-    call(path, QStringLiteral("StopDiscovery"), {}, [path](const QDBusError& error) {
-        qCDebug(lcBlueZ).noquote() << "adapter" << path << "StopDiscovery:" << error.message();
-    });
+    };
+    call(path, QStringLiteral("SetDiscoveryFilter"), {filter},
+         [this, path, started](Adapter& starting, const QDBusError& error) {
+             if (error.isValid())
+                 qCWarning(lcBlueZ).noquote()
+                     << "adapter" << path << "refused the discovery filter (" << error.name()
+                     << error.message()
+                     << "); stationary beacons may be reported only now and then";
+             if (!m_wanted || !starting.powered) {
+                 starting.busy = false;
+                 return;
+             }
+             call(path, QStringLiteral("StartDiscovery"), {}, started);
+         });
 }
 
 void BlueZSource::Private::restartDiscovery()
 {
-    for (auto it = m_adapters.cbegin(); it != m_adapters.cend(); ++it) {
-        if (it->session)
-            stopDiscovery(it.key());
+    for (auto it = m_adapters.begin(); it != m_adapters.end(); ++it) {
         // Also a retry for a powered adapter whose start was refused (busy, not ready yet).
-        if (it->powered)
-            startDiscovery(it.key());
+        if (it->session)
+            it->restart = true;
+        advance(it.key());
     }
+}
+
+void BlueZSource::Private::supervise()
+{
+    const auto now = Steady::now();
+    for (auto it = m_adapters.begin(); it != m_adapters.end(); ++it) {
+        Adapter& adapter = *it;
+        if (adapter.busy || !adapter.powered)
+            continue;
+        if (!adapter.session) {
+            if (now - adapter.lastAttempt >= startRetry)
+                advance(it.key());
+            continue;
+        }
+        if (!adapter.discovering &&
+            now - adapter.notDiscoveringSince >= backedOff(discoveryGrace, adapter.strikes)) {
+            qCWarning(lcBlueZ).noquote()
+                << "adapter" << it.key()
+                << "stopped discovering while we scan (Discovering is false); starting it again";
+            recover(it.key(), adapter);
+        } else if (m_silenceLimit.count() > 0 &&
+                   now - adapter.lastHeard >= backedOff(m_silenceLimit, adapter.strikes)) {
+            const auto silent =
+                std::chrono::duration_cast<std::chrono::milliseconds>(now - adapter.lastHeard);
+            qCWarning(lcBlueZ).noquote()
+                << QStringLiteral("adapter %1 has heard nothing for %2 s while scanning; "
+                                  "restarting its discovery")
+                       .arg(it.key())
+                       .arg(silent.count() / 1000.0, 0, 'f', 1);
+            recover(it.key(), adapter);
+        }
+    }
+}
+
+void BlueZSource::Private::recover(const QString& path, Adapter& adapter)
+{
+    adapter.strikes = std::min(adapter.strikes + 1, 16);
+    adapter.lastHeard = adapter.notDiscoveringSince = Steady::now();
+    adapter.restart = true;
+    advance(path);
 }
 
 void BlueZSource::Private::reportAdapters() const
 {
     if (!m_wanted || !m_loaded)
         return;
-    if (m_adapters.isEmpty())
+    if (m_adapters.isEmpty() && !m_selection.isEmpty())
+        qCWarning(lcBlueZ).noquote() << "no Bluetooth adapter named" << m_selection.join(u", ")
+                                     << "is present; waiting for one";
+    else if (m_adapters.isEmpty())
         qCWarning(lcBlueZ) << "no Bluetooth adapter is present; waiting for one";
     else if (std::none_of(m_adapters.cbegin(), m_adapters.cend(),
                           [](const Adapter& adapter) { return adapter.powered; }))
@@ -554,18 +788,21 @@ void BlueZSource::Private::reportAdapters() const
 }
 
 void BlueZSource::Private::call(const QString& path, const QString& method,
-                                const QVariantList& arguments,
-                                std::function<void(const QDBusError&)> onError)
+                                const QVariantList& arguments, Reply reply)
 {
     auto message = QDBusMessage::createMethodCall(service, path, adapterInterface, method);
     message.setArguments(arguments);
     const quint64 generation = m_generation;
-    auto* watcher = new QDBusPendingCallWatcher(m_bus.asyncCall(message), this);
+    const quint64 id = m_adapters.value(path).id;
+    auto* watcher = new QDBusPendingCallWatcher(m_bus.asyncCall(message, callTimeoutMs), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this,
-            [this, generation, onError = std::move(onError)](QDBusPendingCallWatcher* call) {
+            [this, generation, id, path, reply = std::move(reply)](QDBusPendingCallWatcher* call) {
                 call->deleteLater();
-                if (call->isError() && generation == m_generation)
-                    onError(call->error());
+                const auto adapter = m_adapters.find(path);
+                if (generation != m_generation || adapter == m_adapters.end() || adapter->id != id)
+                    return;
+                reply(*adapter, call->error());
+                advance(path);
             });
 }
 
@@ -578,16 +815,11 @@ std::int64_t BlueZSource::Private::now() const
         .count();
 }
 
-BlueZSource::BlueZSource()
-    : d(std::make_unique<Private>(*this))
+BlueZSource::BlueZSource(QStringList adapters)
+    : d(std::make_unique<Private>(*this, std::move(adapters)))
 {}
 
-BlueZSource::~BlueZSource()
-{
-    // Our discovery sessions end with our bus connection's name only when the process exits;
-    // release them now so that the radio does not keep scanning for nobody.
-    d->setScanning(false);
-}
+BlueZSource::~BlueZSource() = default;
 
 void BlueZSource::setScanning(bool wanted)
 {
@@ -597,6 +829,11 @@ void BlueZSource::setScanning(bool wanted)
 void BlueZSource::setRestartInterval(std::chrono::milliseconds interval)
 {
     d->setRestartInterval(interval);
+}
+
+void BlueZSource::setSilenceLimit(std::chrono::milliseconds limit)
+{
+    d->setSilenceLimit(limit);
 }
 
 } // namespace Quorlix

@@ -29,8 +29,7 @@ std::int64_t dueTime(std::int64_t originNs, std::int64_t offsetNs)
 
 QString shown(const QByteArray& field)
 {
-    return QString::fromLatin1(field.left(40)) +
-           (field.size() > 40 ? QStringLiteral("...") : QString());
+    return SourceFile::quoted(QString::fromLatin1(field.left(SourceFile::maxQuoted + 1)));
 }
 
 } // namespace

@@ -55,15 +55,17 @@ std::string kindOf(const Json& value)
     return value.type_name();
 }
 
+std::string quotedText(const std::string& text)
+{
+    return SourceFile::quoted(QString::fromStdString(text)).toStdString();
+}
+
 // A value as it appears in a message: scalars as written, cut short; lists and objects by kind.
 std::string shown(const Json& value)
 {
     if (value.is_structured())
         return kindOf(value);
-    std::string text = value.dump(-1, ' ', false, Json::error_handler_t::replace);
-    if (text.size() > 40)
-        text = text.substr(0, 37) + "...";
-    return text;
+    return quotedText(value.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
 std::string text(double x)
@@ -108,7 +110,8 @@ void onlyMembers(const Json& object, const std::string& where,
         for (const char* name : known)
             ok = ok || key == name;
         if (!ok)
-            throw ScenarioError{where.empty() ? key : where + "." + key, "unknown member"};
+            throw ScenarioError{where.empty() ? quotedText(key) : where + "." + quotedText(key),
+                                "unknown member"};
     }
 }
 

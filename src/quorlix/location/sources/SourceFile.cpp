@@ -11,6 +11,17 @@
 
 namespace Quorlix::SourceFile {
 
+QString quoted(const QString& text)
+{
+    if (text.size() <= maxQuoted)
+        return text;
+    // Never between the halves of a surrogate pair.
+    qsizetype keep = maxQuoted - 3;
+    if (text[keep - 1].isHighSurrogate())
+        --keep;
+    return text.left(keep) + QStringLiteral("...");
+}
+
 bool read(const QString& path, qint64 maxBytes, QByteArray* bytes, QString* problem)
 {
     const auto systemError = [problem] {

@@ -12,4 +12,10 @@ namespace Quorlix::SourceFile {
 /// problem and returns false.
 bool read(const QString& path, qint64 maxBytes, QByteArray* bytes, QString* problem);
 
+/// The most of a name or value from a file that a message quotes.
+inline constexpr qsizetype maxQuoted = 40;
+/// text as a message quotes it: whole up to maxQuoted characters, else cut to that length with
+/// "..." at the end, so that a hostile file cannot flood a log.
+QString quoted(const QString& text);
+
 } // namespace Quorlix::SourceFile
