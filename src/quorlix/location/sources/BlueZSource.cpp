@@ -255,11 +255,13 @@ namespace {
 
 // Bounds every discovery call: a bluetoothd that does not answer must not hold an adapter busy.
 constexpr int callTimeoutMs = 5000;
-// How long Discovering may stay false under our session before we take it as lost; bluetoothd
-// passes through false for a moment when it restarts its own scan.
-constexpr auto discoveryGrace = std::chrono::seconds(1);
+// How long Discovering may stay false under our session, with nothing heard, before we take the
+// session as lost: bluetoothd passes through false when it restarts its own scan, and a starved
+// bluetoothd reports true late after granting a start.
+constexpr auto discoveryGrace = std::chrono::seconds(2);
+constexpr int quickRetries = 8;
 // A refused start is tried again after this, when no periodic restart came first.
-constexpr auto startRetry = std::chrono::seconds(2);
+constexpr auto startRetry = std::chrono::seconds(1);
 // Recoveries that hear nothing back off up to this, so that a silent room logs little.
 constexpr auto longestBackoff = std::chrono::seconds(60);
 
@@ -610,6 +612,8 @@ void BlueZSource::Private::onAdapterPropertiesChanged(const QDBusMessage& messag
         adapter->discovering = discovering->toBool();
         if (!adapter->discovering)
             adapter->notDiscoveringSince = Steady::now();
+        else if (adapter->session)
+            adapter->strikes = 0;
     }
     const auto powered = changed.constFind(QStringLiteral("Powered"));
     if (powered == changed.constEnd() || powered->typeId() != QMetaType::Bool ||
@@ -745,8 +749,13 @@ void BlueZSource::Private::supervise()
                 advance(it.key());
             continue;
         }
-        if (!adapter.discovering &&
-            now - adapter.notDiscoveringSince >= backedOff(discoveryGrace, adapter.strikes)) {
+        // Adverts still heard mean discovery works, whatever the flag says. A failed start after
+        // a bluetoothd crash looks like a lost session too: the kernel still runs the dead
+        // daemon's scan and refuses a new one, which bluetoothd reports as "in progress". So the
+        // first few tries come quickly.
+        if (!adapter.discovering && adapter.lastHeard <= adapter.notDiscoveringSince &&
+            now - adapter.notDiscoveringSince >=
+                backedOff(discoveryGrace, std::max(0, adapter.strikes - quickRetries))) {
             qCWarning(lcBlueZ).noquote()
                 << "adapter" << it.key()
                 << "stopped discovering while we scan (Discovering is false); starting it again";
