@@ -13,7 +13,7 @@ mkdir -p /dev/pts /dev/shm
 mount -t devpts devpts /dev/pts
 mount -t tmpfs tmpfs /dev/shm
 mount -t tmpfs tmpfs /run
-mount -t tmpfs tmpfs /tmp
+# /tmp stays the host's, seen through the overlay: a build or checkout may live there.
 mkdir -p /run/lab/out
 out=/run/lab/out
 finish() {
