@@ -7,9 +7,14 @@
 
 #include <gtest/gtest.h>
 
-#include <QCoreApplication>
-
 namespace Quorlix {
+
+void PrintTo(const Sighting& s, std::ostream* out)
+{
+    *out << s.address.constData() << " " << s.major << "/" << s.minor << " " << s.rssi << " dBm at "
+         << s.timeNs << " ns via " << s.receiver.constData();
+}
+
 namespace {
 
 using Testing::MockBlueZ;
@@ -185,9 +190,11 @@ TEST_F(BlueZSourceTest, DiscoveryRunsExactlyWhileScanningIsWantedAndOnlyFreshRss
 
     source->setScanning(false);
     ASSERT_TRUE(waitForLog(hci0, {filterLine, start, stop}));
-    // Its signal is in before the reply to this call, and is handled right after.
+    // The advert reaches the source on its own connection, in no set order with the mock's
+    // replies to us; an adapter added after it is announced on that connection after it.
     mock.advertise(beacon, -67, apple, frame(1200, 7));
-    QCoreApplication::processEvents();
+    mock.addAdapter(u"hci1"_s);
+    ASSERT_TRUE(logged(u"adapter /org/bluez/hci1 is on"_s));
     source->setScanning(true);
     ASSERT_TRUE(waitForLog(hci0, {filterLine, start, stop, filterLine, start}));
     mock.advertise(beacon, -68, apple, frame(1200, 7));
