@@ -56,6 +56,11 @@ public:
     friend bool operator==(const Beacon&, const Beacon&) = default;
 };
 
+/// The order of ranging reports, nearest first: beacons with a distance by distance, those without
+/// one after them, ties by major then minor so that the order holds from one report to the next.
+/// A strict weak ordering, for std::sort and the like.
+QUORLIX_EXPORT bool nearerFirst(const Beacon& a, const Beacon& b);
+
 /// A beacon region: one proximity UUID, optionally narrowed to one major and one minor.
 struct BeaconRegion
 {
