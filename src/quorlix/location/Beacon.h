@@ -24,8 +24,9 @@ enum class Proximity : int
 };
 Q_ENUM_NS(Proximity)
 
-/// One beacon in a ranging report. A gadget, so that QML and QVariant can read its members.
-struct Beacon
+/// One beacon in a ranging report. A gadget, so that QML and QVariant can read its members (its
+/// meta-object exported, for the QML plugin that links the shared library).
+struct QUORLIX_EXPORT Beacon
 {
     Q_GADGET
     Q_PROPERTY(QUuid proximityUUID MEMBER proximityUUID)
