@@ -13,9 +13,10 @@ and compares each second with the true room, the room of the receiver nearest th
 Printed per layout: room accuracy, share of seconds without a room, room switches per minute
 (every point stands still), for the command and for two baselines on the same seconds and
 readings: the receiver with the strongest mean RSSI over the last 10 s, and multilateration with
-the log-distance model (-59 dBm at 1 m, exponent 2) from those 10 s means, the room being that of
-the receiver nearest the estimated position. Seconds before the 10th are the start-up and are
-left out.
+the log-distance model (exponent 2) from those 10 s means, the room being that of the receiver
+nearest the estimated position. Multilateration is a least-squares fit in dB on a 25 cm grid over
+the receivers' floor (the beacon's power at 1 m fitted along, the beacon at the receivers' mean
+height), redone every 5 s. Seconds before the 10th are the start-up and are left out.
 
 Receiver offsets, as a user would calibrate them: for the point under evaluation, each receiver's
 offset is the median of (model RSSI at the true distance - median recorded RSSI) over the OTHER
@@ -52,14 +53,12 @@ SETTLE_S = 10
 WINDOW_S = 10
 CALIBRATION_RANGE_M = 3.0
 SPLICE_S = 120
+LATERATION_EVERY_S = 5
+BASELINES = {}
 
 
 def model_rssi(distance):
     return MEASURED_POWER - 10 * EXPONENT * math.log10(max(distance, 0.1))
-
-
-def model_distance(rssi):
-    return 10 ** ((MEASURED_POWER - rssi) / (10 * EXPONENT))
 
 
 def load(source, work):
@@ -142,6 +141,8 @@ def baselines(traces, receivers, offsets, seconds):
     start = {r: 0 for r in traces}
     total = {r: 0.0 for r in traces}
     strongest, lateration = {}, {}
+    grid = Grid(receivers)
+    position = None
     for second in seconds:
         means = {}
         for r, rows in traces.items():
@@ -158,35 +159,38 @@ def baselines(traces, receivers, offsets, seconds):
             strongest[second] = lateration[second] = None
             continue
         strongest[second] = max(means, key=means.get)
-        x, y = multilaterate(receivers, means)
-        lateration[second] = min(receivers, key=lambda r: math.dist(receivers[r][:2], (x, y)))
+        if position is None or second % LATERATION_EVERY_S == 0:
+            position = grid.fit(means)
+        lateration[second] = min(receivers, key=lambda r: math.dist(receivers[r][:2], position))
     return strongest, lateration
 
 
-def multilaterate(receivers, means):
-    distances = {r: model_distance(m) for r, m in means.items()}
-    weights = {r: 1 / max(d, 0.3) ** 2 for r, d in distances.items()}
-    total = sum(weights.values())
-    x = sum(receivers[r][0] * w for r, w in weights.items()) / total
-    y = sum(receivers[r][1] * w for r, w in weights.items()) / total
-    # Gauss-Newton on the horizontal ranges, nearer receivers weighing more.
-    for _ in range(10):
-        a11 = a12 = a22 = b1 = b2 = 0.0
-        for r, d in distances.items():
-            dx, dy = x - receivers[r][0], y - receivers[r][1]
-            rng = max(math.hypot(dx, dy), 1e-6)
-            jx, jy, res, w = dx / rng, dy / rng, rng - d, weights[r]
-            a11 += w * jx * jx
-            a12 += w * jx * jy
-            a22 += w * jy * jy
-            b1 += w * jx * res
-            b2 += w * jy * res
-        det = a11 * a22 - a12 * a12
-        if abs(det) < 1e-12:
-            break
-        x -= (a22 * b1 - a12 * b2) / det
-        y -= (a11 * b2 - a12 * b1) / det
-    return x, y
+class Grid:
+    """Multilateration by least squares in dB over a grid: dB errors are what the radio makes
+    (log-normal fading), and a grid cannot diverge as an iteration on ranges does. A 1 m grid
+    first, then 25 cm steps around its best cell."""
+
+    def __init__(self, receivers):
+        self.receivers = receivers
+        self.height = statistics.mean(p[2] for p in receivers.values())
+        xs = [p[0] for p in receivers.values()]
+        ys = [p[1] for p in receivers.values()]
+        self.coarse = [(x + 0.5, y + 0.5) for x in range(int(min(xs)) - 1, int(max(xs)) + 1)
+                       for y in range(int(min(ys)) - 1, int(max(ys)) + 1)]
+
+    def error(self, means, cell):
+        # With the power at 1 m fitted, the error is the spread of rssi + loss around its mean.
+        values = [m + 10 * EXPONENT * math.log10(max(
+            math.dist((cell[0], cell[1], self.height), self.receivers[r]), 0.1))
+                  for r, m in means.items()]
+        mean = sum(values) / len(values)
+        return sum((v - mean) ** 2 for v in values)
+
+    def fit(self, means):
+        means = {r: m for r, m in means.items() if r in self.receivers}
+        x, y = min(self.coarse, key=lambda cell: self.error(means, cell))
+        fine = [(x + i / 4, y + j / 4) for i in range(-4, 5) for j in range(-4, 5)]
+        return min(fine, key=lambda cell: self.error(means, cell))
 
 
 def score(decisions, truth, seconds):
@@ -216,7 +220,11 @@ def evaluate_point(args):
     rooms = run_rooms(quorlix, folder, calibration)
     end = int(max(rows[-1][0] for rows in traces.values()))
     seconds = list(range(SETTLE_S, end + 1))
-    strongest, lateration = baselines(traces, receivers, offsets or {}, seconds)
+    # Both baselines name receivers, so one computation serves every layout.
+    key = (point, bool(offsets))
+    if key not in BASELINES:
+        BASELINES[key] = baselines(traces, receivers, offsets or {}, seconds)
+    strongest, lateration = BASELINES[key]
     truth = room_of(layout, nearest(receivers, point))
     to_room = lambda d: {s: room_of(layout, r) if r else None for s, r in d.items()}
     return {"seconds": len(seconds),

@@ -24,6 +24,7 @@ struct Report
     int rssi;
     bool present = true;
     bool online = true;
+    int swingDb = 0; // every other second this much weaker
 };
 
 struct Case
@@ -43,12 +44,12 @@ QString roomOf(const char* receiver)
 TEST(RoomArbiter, DecidesRoomsWithHysteresisAndNeverAwayWhileHeard)
 {
     const Case cases[] = {
-        {"as strong is not enough; 2 dB stronger for 4 s is",
+        {"as strong is not enough; 2 dB stronger for 4 s is, once it is the minute's level",
          {{0, 180, "kitchen", -60},
           {0, 60, "hall", -62},
           {60, 120, "hall", -60},
           {120, 180, "hall", -58}},
-         {{5, "kitchen"}, {119, "kitchen"}, {124, "kitchen"}, {127, "hall"}},
+         {{5, "kitchen"}, {119, "kitchen"}, {129, "kitchen"}, {130, "hall"}},
          1},
         {"a 4 s fade of 20 dB in its room does not move it",
          {{0, 30, "kitchen", -60},
@@ -77,6 +78,13 @@ TEST(RoomArbiter, DecidesRoomsWithHysteresisAndNeverAwayWhileHeard)
           {0, 60, "hall", -78},
           {60, 120, "hall", -62}},
          {{59, "kitchen"}, {70, "hall"}},
+         1},
+        {"carried where it is heard unsteadily: the old room's minute does not hold it",
+         {{0, 60, "kitchen", -60},
+          {60, 120, "kitchen", -70},
+          {0, 60, "hall", -75},
+          {60, 120, "hall", -62, true, true, 6}},
+         {{59, "kitchen"}, {80, "hall"}},
          1},
         {"carried away, each level reported once, as publish sends a steady one",
          {{0, 1, "kitchen", -60},
@@ -126,7 +134,7 @@ TEST(RoomArbiter, DecidesRoomsWithHysteresisAndNeverAwayWhileHeard)
                 if (!r.online || t < r.fromS || t >= r.toS)
                     continue;
                 Quorlix::Beacon ranging;
-                ranging.rssi = r.rssi;
+                ranging.rssi = r.rssi - (t % 2) * r.swingDb;
                 ranging.accuracy = r.rssi != 0 ? 1.0 : -1;
                 arbiter.report(r.receiver, roomOf(r.receiver), QStringLiteral("b"), r.present,
                                ranging, nowNs);

@@ -1,19 +1,14 @@
 #include "quorlix/rooms/RoomArbiter.h"
 
 #include <algorithm>
-#include <cmath>
-#include <limits>
+#include <vector>
 
 namespace Quorlix {
 namespace {
 
 constexpr std::int64_t second = 1'000'000'000;
-
-double approach(double level, double target, std::int64_t dtNs, std::int64_t tauNs)
-{
-    return level + (target - level) *
-                       (1 - std::exp(-static_cast<double>(dtNs) / static_cast<double>(tauNs)));
-}
+/// The short mean of a receiver that has the beacon but heard nothing of it lately.
+constexpr double silentDbm = -105;
 
 } // namespace
 
@@ -22,22 +17,22 @@ void RoomArbiter::report(const QString& receiver, const QString& room, const QSt
 {
     setOnline(receiver, true, nowNs);
     View& view = m_tracks[beacon].views[receiver];
-    // The level held until now is the one reported before; a new view starts at its first one.
-    if (!view.fresh)
-        advance(view, nowNs);
+    // The seconds up to now were spent at the RSSI reported before.
+    if (view.present)
+        sample(view, nowNs);
     view.room = room;
     view.present = present;
-    if (present && ranging.rssi != 0) {
-        take(view, ranging.rssi, nowNs);
-    } else {
-        view.recentCount = 0;
-        view.rssi = 0;
+    view.rssi = present ? ranging.rssi : 0;
+    view.distanceM = view.rssi != 0 ? ranging.accuracy : -1;
+    if (!present) {
+        view.seconds.clear();
+        view.level.reset();
+    } else if (view.seconds.empty() && view.rssi != 0) {
+        // A receiver's first word counts at once: a beacon new to the building has a room now.
+        view.seconds.push_back(view.rssi);
+        view.sampledNs = nowNs;
+        measure(view);
     }
-    view.distanceM = present && ranging.rssi != 0 ? ranging.accuracy : -1;
-    if (!present)
-        view.fresh = true;
-    else if (view.fresh)
-        advance(view, nowNs);
 }
 
 void RoomArbiter::setOnline(const QString& receiver, bool online, std::int64_t nowNs)
@@ -45,53 +40,72 @@ void RoomArbiter::setOnline(const QString& receiver, bool online, std::int64_t n
     auto [it, added] = m_online.try_emplace(receiver, online);
     if (!added && it->second == online)
         return;
-    // Levels stand still while offline: bring them to the moment the receiver went or came back.
+    // An offline receiver's seconds stand still: they are taken up to the moment it went, and
+    // start again from the moment it came back.
     for (auto& [beacon, track] : m_tracks) {
         const auto view = track.views.find(receiver);
-        if (view == track.views.end())
+        if (view == track.views.end() || !view->second.present)
             continue;
         if (!online)
-            advance(view->second, nowNs);
-        view->second.levelNs = nowNs;
+            sample(view->second, nowNs);
+        view->second.sampledNs = nowNs;
     }
     it->second = online;
 }
 
-void RoomArbiter::take(View& view, int rssi, std::int64_t nowNs)
+void RoomArbiter::sample(View& view, std::int64_t nowNs) const
 {
-    // Receivers now and then report a reading 30 dB or more above its neighbours (even positive
-    // dBm): the median of the last three leaves a single one out, for a second's delay.
-    view.recent = {rssi, view.recent[0], view.recent[1]};
-    view.recentCount = std::min(view.recentCount + 1, 3);
-    view.recentNs = nowNs;
-    const auto [a, b, c] = view.recent;
-    view.rssi = view.recentCount == 1   ? a
-                : view.recentCount == 2 ? std::min(a, b)
-                                        : std::max(std::min(a, b), std::min(std::max(a, b), c));
-}
-
-void RoomArbiter::advance(View& view, std::int64_t nowNs) const
-{
-    if (view.fresh) {
-        // Present but not heard yet (an entry before its first ranging): no level to compare.
-        if (view.rssi == 0)
-            return;
-        view.peak = view.fast = view.rssi != 0 ? view.rssi : m_tuning.silentDbm;
-        view.levelNs = nowNs;
-        view.fresh = false;
+    if (view.seconds.empty() && view.rssi == 0) {
+        view.sampledNs = nowNs; // nothing heard yet: no second to remember
         return;
     }
-    const std::int64_t dtNs = nowNs - view.levelNs;
-    if (dtNs <= 0)
+    const auto window = static_cast<std::size_t>(m_tuning.windowS);
+    std::size_t taken = 0;
+    while (view.sampledNs + second <= nowNs && taken < window) {
+        view.seconds.push_back(view.rssi);
+        view.sampledNs += second;
+        ++taken;
+    }
+    if (taken == window)
+        view.sampledNs = nowNs;
+    while (view.seconds.size() > window)
+        view.seconds.pop_front();
+    measure(view);
+}
+
+void RoomArbiter::measure(View& view) const
+{
+    std::vector<int> heard;
+    heard.reserve(view.seconds.size());
+    int recentMax = 0;
+    int fastMax = 0;
+    double fastSum = 0;
+    int fastCount = 0;
+    const auto size = static_cast<int>(view.seconds.size());
+    for (int i = 0; i < size; ++i) {
+        const int rssi = view.seconds[static_cast<std::size_t>(i)];
+        if (rssi == 0)
+            continue;
+        heard.push_back(rssi);
+        if (i >= size - m_tuning.capS)
+            recentMax = recentMax == 0 ? rssi : std::max(recentMax, rssi);
+        if (i >= size - m_tuning.fastS) {
+            fastSum += rssi;
+            ++fastCount;
+            fastMax = fastMax == 0 ? rssi : std::max(fastMax, rssi);
+        }
+    }
+    view.fast = fastCount > 0 ? fastSum / fastCount : silentDbm;
+    view.fastStrongest = fastCount > 0 ? fastMax : silentDbm;
+    if (recentMax == 0) {
+        view.level.reset();
         return;
-    const double level = view.rssi != 0 ? view.rssi : m_tuning.silentDbm;
-    view.peak =
-        approach(view.peak, level, dtNs, level > view.peak ? m_tuning.riseNs : m_tuning.fallNs);
-    // Not hearing a beacon for a few of its intervals is as often a gap as a departure: the short
-    // view fades like the peak then, so a gap alone never wins the quick rule.
-    view.fast =
-        approach(view.fast, level, dtNs, view.rssi != 0 ? m_tuning.fastNs : m_tuning.fallNs);
-    view.levelNs = nowNs;
+    }
+    const auto rank =
+        std::min(heard.size() - 1,
+                 static_cast<std::size_t>(m_tuning.percentile * static_cast<double>(heard.size())));
+    std::nth_element(heard.begin(), heard.begin() + static_cast<std::ptrdiff_t>(rank), heard.end());
+    view.level = std::min<double>(heard[rank], recentMax + m_tuning.capDb);
 }
 
 QStringList RoomArbiter::advanceTo(std::int64_t nowNs)
@@ -99,13 +113,8 @@ QStringList RoomArbiter::advanceTo(std::int64_t nowNs)
     QStringList changed;
     for (auto& [beacon, track] : m_tracks) {
         for (auto& [receiver, view] : track.views) {
-            if (!view.present || !m_online[receiver])
-                continue;
-            advance(view, nowNs);
-            // A receiver reports a steady level only now and then: a level unchanged for a second
-            // counts as read again, so a step to a new steady level passes the median at once.
-            if (view.recentCount > 0 && nowNs - view.recentNs >= second)
-                take(view, view.recent[0], nowNs);
+            if (view.present && m_online[receiver])
+                sample(view, nowNs);
         }
         if (decide(track, nowNs))
             changed.append(beacon);
@@ -120,16 +129,18 @@ bool RoomArbiter::decide(Track& track, std::int64_t nowNs)
     for (const auto& [receiver, view] : track.views) {
         if (view.present && !anyPresent)
             anyPresent = &view;
-        if (!view.present || view.fresh)
+        if (!view.present || !view.level)
             continue;
-        auto [it, added] = rooms.try_emplace(view.room, RoomLevel{view.peak, view.fast, receiver});
+        auto [it, added] = rooms.try_emplace(
+            view.room, RoomLevel{*view.level, view.fast, view.fastStrongest, receiver});
         if (added)
             continue;
-        if (view.peak > it->second.peak) {
-            it->second.peak = view.peak;
+        if (*view.level > it->second.level) {
+            it->second.level = *view.level;
             it->second.receiver = receiver;
         }
         it->second.fast = std::max(it->second.fast, view.fast);
+        it->second.fastStrongest = std::max(it->second.fastStrongest, view.fastStrongest);
     }
 
     if (!anyPresent && !track.decided)
@@ -159,7 +170,7 @@ bool RoomArbiter::decide(Track& track, std::int64_t nowNs)
         auto strongest = rooms.begin();
         auto quickest = rooms.begin();
         for (auto it = rooms.begin(); it != rooms.end(); ++it) {
-            if (it->second.peak > strongest->second.peak)
+            if (it->second.level > strongest->second.level)
                 strongest = it;
             if (it->second.fast > quickest->second.fast)
                 quickest = it;
@@ -172,17 +183,24 @@ bool RoomArbiter::decide(Track& track, std::int64_t nowNs)
             track.challenger.clear();
         } else {
             QString challenger;
+            int holdS = 0;
+            // A room the short rule would leave again at once does not win on its minute.
             if (strongest != current &&
-                strongest->second.peak >= current->second.peak + m_tuning.marginDb)
+                strongest->second.level >= current->second.level + m_tuning.marginDb &&
+                current->second.fast < strongest->second.fastStrongest + m_tuning.fastMarginDb) {
                 challenger = strongest->first;
-            else if (quickest != current &&
-                     quickest->second.fast >= current->second.fast + m_tuning.fastMarginDb)
+                holdS = m_tuning.holdS;
+            } else if (quickest != current &&
+                       quickest->second.fast >=
+                           current->second.fastStrongest + m_tuning.fastMarginDb) {
                 challenger = quickest->first;
+                holdS = m_tuning.fastHoldS;
+            }
             if (challenger != track.challenger) {
                 track.challenger = challenger;
                 track.challengerSinceNs = nowNs;
             }
-            winner = !challenger.isEmpty() && nowNs - track.challengerSinceNs >= m_tuning.holdNs
+            winner = !challenger.isEmpty() && nowNs - track.challengerSinceNs >= holdS * second
                          ? challenger
                          : current->first;
         }

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <optional>
 
@@ -17,35 +18,41 @@ namespace Quorlix {
 /// caller (a broker's messages on the wall clock, or replayed traces on virtual time), so that
 /// live and replayed decisions are the same.
 ///
-/// The rule, as a user can check it: a beacon moves to another room when a receiver there has
-/// been at least 1 dB stronger than every receiver of its current room for 4 s in a row, each
-/// receiver's strength being its recent peak (it rises within a second or two and falls back over
-/// about a minute), or at least 6 dB stronger on the last 3 s alone (the beacon was carried away).
-/// It is away from every room only once every receiver has let it go (their exit period); a
-/// receiver that went offline keeps its last word, so it never makes a beacon away.
+/// The rule, as a user can check it. Each second, every receiver that has the beacon adds its
+/// latest reported RSSI to the beacon's last 60 seconds there. A receiver's level is the 90th
+/// percentile of those (the 6th strongest second of the minute), but never more than 4 dB above
+/// the strongest of its last 10 s. A beacon moves to another room when a receiver there has been
+/// at least 2 dB above every receiver of its current room for 4 s in a row, or when the mean of
+/// its last 5 s has been at least 6 dB above the strongest second of theirs in those 5 s, for 3 s
+/// (the beacon was carried away); a room that the second rule would leave again does not win by
+/// the first. It is away from every room only once every receiver has let it go (their exit
+/// period); a receiver that went offline keeps its last word and its seconds stand still, so it
+/// never makes a beacon away.
 ///
 /// Why: a fixed beacon's reading fades by 10 dB and more for seconds at a time (people, doors,
-/// multipath), while a stronger reading is rarely false, so the recent peak tracks the nearest
-/// receiver better than a mean does, and a slow fall keeps a beacon between two receivers from
-/// flapping on fades; the 4 s make "stronger" steady, not a moment's noise. 6 dB over 3 s is a
-/// change no fade makes upwards that quickly, so a beacon carried away moves within seconds. A
-/// single report far above its neighbours (receivers report glitches, even positive dBm) is left
-/// out: the median of a receiver's last three reports is what counts. Tuned on recordings of 12
-/// receivers at 45 points (bench/rooms/room-quality.py): fall 60 s and 1 dB gave the best room
-/// accuracy with fewer than 0.05 switches a minute at a fixed point.
+/// multipath), and fades only ever take away, so the top of a minute's readings tracks the
+/// distance where a mean follows the fades; the percentile also leaves out the odd report far
+/// above its neighbours (receivers report glitches). The cap lets a room that has lost the beacon
+/// for 10 s fall, so a carried beacon is not held by a minute-old level; 2 dB for 4 s keeps a
+/// beacon between two receivers from flapping. A fade takes the current room's mean down too, but
+/// rarely every second of five: measured against its strongest second, 6 dB is a change fades do
+/// not make. Tuned on recordings of 12 receivers at 45 points (bench/rooms/room-quality.py), for
+/// room accuracy with well under 0.05 switches a minute at a fixed point, then for the time a
+/// carried beacon takes to change rooms.
 class RoomArbiter
 {
 public:
     struct Tuning
     {
-        double marginDb = 1;
-        std::int64_t holdNs = 4'000'000'000;
+        int windowS = 60;        ///< seconds of readings behind a receiver's level
+        double percentile = 0.9; ///< of those seconds
+        int capS = 10;           ///< the level is at most capDb above the strongest of these
+        double capDb = 4;
+        double marginDb = 2; ///< levels: how much stronger a challenger must be
+        int holdS = 4;       ///< and for how long
+        int fastS = 5;       ///< the short mean's seconds
         double fastMarginDb = 6;
-        std::int64_t riseNs = 1'000'000'000;  ///< time constant of the peak level going up
-        std::int64_t fallNs = 60'000'000'000; ///< and going down
-        std::int64_t fastNs = 3'000'000'000;  ///< time constant of the short view
-        /// The level of a receiver that tracks a beacon but has not heard it lately.
-        double silentDbm = -105;
+        int fastHoldS = 3;
     };
 
     struct Decision
@@ -83,15 +90,14 @@ private:
     {
         QString room;
         bool present = false;
-        int rssi = 0; ///< the level reported, after the spike filter; 0: not heard lately
-        std::array<int, 3> recent{}; ///< the last RSSIs reported, newest first
-        int recentCount = 0;
-        std::int64_t recentNs = 0; ///< when recent last took a value
+        int rssi = 0; ///< the latest reported; 0: not heard lately
         double distanceM = -1;
-        double peak = 0;
-        double fast = 0;
-        std::int64_t levelNs = 0; ///< time the levels stand at
-        bool fresh = true;        ///< levels not yet started
+        /// The last seconds' RSSIs while present and online, oldest first; 0: not heard then.
+        std::deque<int> seconds;
+        std::int64_t sampledNs = 0;  ///< the time the last second was taken
+        std::optional<double> level; ///< none: nothing heard within the window
+        double fast = 0;             ///< the mean of the last fastS seconds heard
+        double fastStrongest = 0;    ///< and the strongest of them
     };
     struct Track
     {
@@ -104,13 +110,14 @@ private:
     };
     struct RoomLevel
     {
-        double peak;
+        double level;
         double fast;
+        double fastStrongest;
         QString receiver;
     };
 
-    void advance(View& view, std::int64_t nowNs) const;
-    static void take(View& view, int rssi, std::int64_t nowNs);
+    void sample(View& view, std::int64_t nowNs) const;
+    void measure(View& view) const;
     bool decide(Track& track, std::int64_t nowNs);
 
     Tuning m_tuning;
