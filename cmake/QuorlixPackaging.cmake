@@ -4,6 +4,8 @@
 #   quorlix         the command, its man page and the quorlix-publish systemd unit; run-time
 #                   libraries only (the command carries the library's code itself)
 #   quorlix-tools   quorlix-directory and quorlix-demo with their data and man pages
+#   qml6-module-quorlix  the QML module (import Quorlix) in Qt's QML folder, named as Debian names
+#                   its QML modules; the quick layer's own code is a static part of its plugin
 # and the -dbgsym package of each that holds programs or libraries. scripts/build-packages.sh makes
 # them: a shared build under /usr with Debian's compiler flags, then cpack.
 #
@@ -31,6 +33,9 @@ set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_SET_DESTDIR ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL library development command tools)
+if(QUORLIX_BUILD_QUICK)
+    list(APPEND CPACK_COMPONENTS_ALL qml)
+endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE ${QUORLIX_DEBIAN_REVISION})
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${QUORLIX_PACKAGE_MAINTAINER}")
@@ -96,6 +101,23 @@ loopback interface from a JSON file, for development and tests. quorlix-demo is
 a host application of the library that watches a device and pairs with a nearby
 one; it runs on simulated beacons and an in-process directory service, with no
 radio and no server.")
+
+set(CPACK_DEBIAN_QML_PACKAGE_NAME qml6-module-quorlix)
+set(CPACK_DEBIAN_QML_PACKAGE_SECTION libs)
+set(CPACK_COMPONENT_QML_DEPENDS library)
+# dpkg-shlibdeps sees the plugin's libraries; the QML modules that its types import are loaded by
+# the QML engine and named here.
+set(CPACK_DEBIAN_QML_PACKAGE_DEPENDS
+    "qml6-module-qtqml, qml6-module-qtquick, qml6-module-qtquick-controls, qml6-module-qtquick-layouts")
+set(CPACK_DEBIAN_QML_DESCRIPTION "Bluetooth LE proximity beacons for Qt 6 - QML module
+Quorlix gives Qt 6 applications presence events (entry, exit and ranging with a
+smoothed proximity word and distance) for the iBeacon devices of one family,
+resolved through a directory web service, and a screen on which the user pairs
+with a nearby device.
+.
+This package contains the QML module Quorlix: BeaconModel (the beacons in
+range, nearest first), DevicePresence, DevicePairing and the PairingList view,
+for Qt Quick applications with no C++ of their own.")
 
 # Each package's doc folder: the copyright and Debian's changelog; and lintian's overrides, each
 # with its reason. Only packages get them (EXCLUDE_FROM_ALL): `cmake --install` leaves them out.

@@ -3,10 +3,11 @@
 # Debian and a user would: what each package holds and that every installed file is in one; what
 # each depends on, and that apt, resolving the command's package on an empty system, pulls no -dev
 # package; lintian; dpkg installing all of them into a scratch root and removing them without a
-# trace; the systemd unit, installed under a prefix other than /usr, passing systemd-analyze
+# trace; the QML module, installed there, imported by a QML test that sees the model list beacons;
+# the systemd unit, installed under a prefix other than /usr, passing systemd-analyze
 # verify; and the man page naming every QUORLIX_ variable that the library and the command read.
 cmake_minimum_required(VERSION 3.25)
-foreach(var SOURCE_DIR WORK_DIR)
+foreach(var SOURCE_DIR WORK_DIR QMLTESTRUNNER)
     if(NOT DEFINED ${var})
         message(FATAL_ERROR "DebianPackage.cmake: ${var} is not set")
     endif()
@@ -47,15 +48,20 @@ set(quorlix-tools_holds ./usr/bin/quorlix-directory ./usr/share/man/man1/quorlix
     ./usr/bin/quorlix-demo ./usr/share/man/man1/quorlix-demo.1.gz ./usr/share/quorlix/devices.json
     ./usr/share/quorlix/scenarios/demo.json)
 set(quorlix-tools_never "/include/|\\.so|/bin/quorlix\n")
-set(names libquorlix1 libquorlix-dev quorlix quorlix-tools)
+set(qmldir ./usr/lib/${multiarch}/qt6/qml/Quorlix)
+set(qml6-module-quorlix_holds ${qmldir}/qmldir ${qmldir}/libquorlix_quickplugin.so
+    ${qmldir}/quorlix_quick.qmltypes)
+set(qml6-module-quorlix_never "/include/|/bin/|/cmake/|/libquorlix\\.so|\\.a\n")
+set(names libquorlix1 libquorlix-dev quorlix quorlix-tools qml6-module-quorlix)
 
 file(GLOB debs ${packages}/*.deb)
 file(GLOB ddebs ${packages}/*.ddeb)
 list(LENGTH debs deb_count)
 list(LENGTH ddebs ddeb_count)
-# Debug symbols of everything that holds machine code: the library, the command, the tools.
-if(NOT deb_count EQUAL 4 OR NOT ddeb_count EQUAL 3)
-    message(FATAL_ERROR "expected 4 packages and 3 -dbgsym packages, found: ${debs} ${ddebs}")
+# Debug symbols of everything that holds machine code: the library, the command, the tools, the
+# QML plugin.
+if(NOT deb_count EQUAL 5 OR NOT ddeb_count EQUAL 4)
+    message(FATAL_ERROR "expected 5 packages and 4 -dbgsym packages, found: ${debs} ${ddebs}")
 endif()
 set(packaged "")
 foreach(name IN LISTS names)
@@ -92,7 +98,9 @@ run(version dpkg-deb -f ${libquorlix1_deb} Version)
 string(STRIP "${version}" version)
 foreach(name_needs "libquorlix-dev:libquorlix1 (= ${version})" "libquorlix-dev:qt6-base-dev"
                    "quorlix-tools:libquorlix1 (= ${version})" "quorlix:libmosquitto1"
-                   "quorlix:libqt6core6" "libquorlix1:libqt6widgets6")
+                   "quorlix:libqt6core6" "libquorlix1:libqt6widgets6"
+                   "qml6-module-quorlix:libquorlix1 (= ${version})" "qml6-module-quorlix:libqt6qml6"
+                   "qml6-module-quorlix:qml6-module-qtquick-controls")
     string(REGEX REPLACE ":.*" "" name "${name_needs}")
     string(REGEX REPLACE "^[^:]*:" "" needs "${name_needs}")
     string(FIND "${${name}_depends}" "${needs}" at)
@@ -100,7 +108,7 @@ foreach(name_needs "libquorlix-dev:libquorlix1 (= ${version})" "libquorlix-dev:q
         message(FATAL_ERROR "${name} does not depend on ${needs}: ${${name}_depends}")
     endif()
 endforeach()
-foreach(name libquorlix1 quorlix quorlix-tools)
+foreach(name libquorlix1 quorlix quorlix-tools qml6-module-quorlix)
     if(${name}_depends MATCHES "[a-z0-9.+-]+-dev([ ,\n]|$)")
         message(FATAL_ERROR "${name} depends on the development package ${CMAKE_MATCH_0}")
     endif()
@@ -171,6 +179,25 @@ string(STRIP "${includedir}" includedir)
 if(NOT EXISTS ${includedir}/quorlix/Quorlix.h)
     message(FATAL_ERROR "quorlix.pc points at ${includedir}, which lacks quorlix/Quorlix.h")
 endif()
+# A host's QML engine finds the plugin's library in the system's folder, with no search path of
+# the plugin's own (Qt's default one points below the QML folder).
+run(dynamic readelf -d ${root}/${qmldir}/libquorlix_quickplugin.so)
+if(dynamic MATCHES "RPATH|RUNPATH")
+    message(FATAL_ERROR "the QML plugin has a library search path:\n${dynamic}")
+endif()
+file(MAKE_DIRECTORY ${WORK_DIR}/config)
+execute_process(COMMAND ${CMAKE_COMMAND} -E env --unset=QUORLIX_CALIBRATION
+                        QT_QPA_PLATFORM=offscreen XDG_CONFIG_HOME=${WORK_DIR}/config
+                        LD_LIBRARY_PATH=${root}/usr/lib/${multiarch}
+                        QUORLIX_LOCATION_SOURCE=simulate:${root}/usr/share/quorlix/scenarios/demo.json
+                        ${QMLTESTRUNNER} -import ${root}/usr/lib/${multiarch}/qt6/qml
+                        -input ${SOURCE_DIR}/tests/tools/DebianPackageImport.qml
+                RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE err TIMEOUT 60)
+message(STATUS "import Quorlix from the packages:\n${out}${err}")
+if(NOT result EQUAL 0)
+    message(FATAL_ERROR "the installed QML module failed its test (${result})")
+endif()
+
 run(ignored ${dpkg} --purge ${names})
 file(GLOB_RECURSE left LIST_DIRECTORIES false RELATIVE ${root} ${root}/usr/* ${root}/etc/*)
 if(left)

@@ -24,8 +24,9 @@ enum class Proximity : int
 };
 Q_ENUM_NS(Proximity)
 
-/// One beacon in a ranging report. A gadget, so that QML and QVariant can read its members.
-struct Beacon
+/// One beacon in a ranging report. A gadget, so that QML and QVariant can read its members (its
+/// meta-object exported, for the QML plugin that links the shared library).
+struct QUORLIX_EXPORT Beacon
 {
     Q_GADGET
     Q_PROPERTY(QUuid proximityUUID MEMBER proximityUUID)
@@ -55,6 +56,11 @@ public:
 
     friend bool operator==(const Beacon&, const Beacon&) = default;
 };
+
+/// The order of ranging reports, nearest first: beacons with a distance by distance, those without
+/// one after them, ties by major then minor so that the order holds from one report to the next.
+/// A strict weak ordering, for std::sort and the like.
+QUORLIX_EXPORT bool nearerFirst(const Beacon& a, const Beacon& b);
 
 /// A beacon region: one proximity UUID, optionally narrowed to one major and one minor.
 struct BeaconRegion

@@ -106,19 +106,6 @@ Beacon report(const Tracked& tracked, const ProximityFilter::Model& model)
     return beacon;
 }
 
-bool nearerFirst(const Beacon& a, const Beacon& b)
-{
-    const bool aKnown = a.accuracy >= 0;
-    const bool bKnown = b.accuracy >= 0;
-    if (aKnown != bKnown)
-        return aKnown;
-    if (aKnown && a.accuracy != b.accuracy)
-        return a.accuracy < b.accuracy;
-    if (a.major != b.major)
-        return a.major < b.major;
-    return a.minor < b.minor;
-}
-
 } // namespace
 
 struct RegionEngine::State

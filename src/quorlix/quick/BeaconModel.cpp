@@ -3,23 +3,9 @@
 #include "quorlix/quick/CalibrationCheck.h"
 
 #include <algorithm>
-#include <tuple>
 
 namespace Quorlix::Quick {
 namespace {
-
-// Nearest first; beacons without a distance after every one with one; then by number, so that the
-// order is stable between reports.
-bool nearer(const Beacon& a, const Beacon& b)
-{
-    const bool aKnown = a.accuracy >= 0;
-    const bool bKnown = b.accuracy >= 0;
-    if (aKnown != bKnown)
-        return aKnown;
-    if (aKnown && a.accuracy != b.accuracy)
-        return a.accuracy < b.accuracy;
-    return std::tie(a.major, a.minor) < std::tie(b.major, b.minor);
-}
 
 bool sameBeacon(const Beacon& a, const Beacon& b)
 {
@@ -182,7 +168,7 @@ void BeaconModel::update(const QList<Beacon>& beacons)
     for (int target = 0; target < m_rows.size(); ++target) {
         int best = target;
         for (int i = target + 1; i < m_rows.size(); ++i) {
-            if (nearer(m_rows.at(i).beacon, m_rows.at(best).beacon))
+            if (nearerFirst(m_rows.at(i).beacon, m_rows.at(best).beacon))
                 best = i;
         }
         if (best != target) {
