@@ -112,6 +112,7 @@ TEST_F(EngineTest, RegionsAreIndependent)
     clock->advanceBy(0);
     EXPECT_EQ(take(), (QStringList{"enter exact @0", "enter family @0"}));
     clock->advanceTo(20 * s);
+    see(12, 8); // "exact" hears only 12-7
     see(300, 1);
     see(7, 7, -60, other);
     clock->advanceBy(0);

@@ -18,26 +18,20 @@ TEST(DevicePresence, ReportsWhatWouldStopTheManagerAsItsError)
 {
     QTemporaryDir dir;
     Testing::DirectoryProcess service;
-    const QByteArray unreachable =
-        QStringLiteral("127.0.0.1:%1").arg(Testing::unusedPort()).toUtf8();
     const QString badCalibration =
         Testing::writeFile(dir.path(), "calibration.json", R"({"nearLimit": "far"})");
     struct Case
     {
         const char* deviceId;
-        QByteArray directory;
         QString calibration;
         const char* error;
     };
     const Case cases[] = {
-        {"9999", service.host().toUtf8(), {}, "does not know device 9999"},
-        {"10/47", service.host().toUtf8(), {}, "'10/47' is not a device ID"},
-        {"1047", unreachable, {}, "does not answer"},
-        {"1047", service.host().toUtf8(), badCalibration, "bad calibration: "},
+        {"9999", {}, "does not know device 9999"},
+        {"1047", badCalibration, "bad calibration: "},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.deviceId + (" " + c.directory.toStdString()));
-        qputenv("QUORLIX_DIRECTORY_HOST", c.directory);
+        SCOPED_TRACE(c.error);
         qputenv("QUORLIX_CALIBRATION", c.calibration.toUtf8());
         DevicePresence presence;
         QSignalSpy errors(&presence, &DevicePresence::errorOccurred);

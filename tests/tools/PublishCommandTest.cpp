@@ -9,7 +9,6 @@
 #include <QDeadlineTimer>
 #include <QMap>
 #include <QTemporaryDir>
-#include <QThread>
 
 #include <csignal>
 #include <functional>
@@ -135,17 +134,27 @@ TEST(PublishCommand, RoomsSurviveABrokerRestartAndEndOfflineByWillOrByStop)
     EXPECT_EQ(json(after, "quorlix/Test_room/12-7/state")[u"presence"].toString(), u"home");
 
     // The receiver restarts: the first states it sends are entries, never an away first.
+    // Its debug lines (-d, line-buffered) say when the broker granted the subscription: only then
+    // may the publisher start.
     QProcess fresh;
-    fresh.start(QStringLiteral(QUORLIX_MOSQUITTO_SUB),
-                {"-p", QString::number(port), "-t", "quorlix/Test_room/+/state", "-v", "-R", "-C",
-                 "2", "-W", "10"});
-    ASSERT_TRUE(fresh.waitForStarted());
-    QThread::msleep(300); // subscribed before the publisher starts
+    fresh.start(QStringLiteral("stdbuf"),
+                {"-oL", QUORLIX_MOSQUITTO_SUB, "-d", "-p", QString::number(port), "-t",
+                 "quorlix/Test_room/+/state", "-v", "-R", "-C", "2", "-W", "30"});
+    QByteArray said;
+    for (const QDeadlineTimer deadline(10000);
+         !said.contains("received SUBACK") && !deadline.hasExpired();)
+        if (fresh.waitForReadyRead(500))
+            said += fresh.readAllStandardOutput();
+    ASSERT_TRUE(said.contains("received SUBACK")) << said.toStdString();
     startProgram(everyBeacon, QUORLIX_COMMAND, common + QStringList{"--room", "Test room"},
                  dir.path());
-    ASSERT_TRUE(fresh.waitForFinished(15000));
-    const QList<QByteArray> states = fresh.readAllStandardOutput().trimmed().split('\n');
-    ASSERT_EQ(states.size(), 2);
+    ASSERT_TRUE(fresh.waitForFinished(30000));
+    said += fresh.readAllStandardOutput();
+    QList<QByteArray> states;
+    for (const QByteArray& line : said.split('\n'))
+        if (line.startsWith("quorlix/"))
+            states << line;
+    ASSERT_EQ(states.size(), 2) << said.toStdString();
     for (const QByteArray& state : states)
         EXPECT_TRUE(state.contains(R"("presence":"home")")) << state.toStdString();
     everyBeacon.terminate();
@@ -154,7 +163,7 @@ TEST(PublishCommand, RoomsSurviveABrokerRestartAndEndOfflineByWillOrByStop)
 
 // A broker that wants a login, plainly and over TLS: a good login connects; a refused login or a
 // failed TLS handshake ends with status 1 and the reason; an unreachable broker is retried and
-// said so again later; what cannot work is refused before anything starts.
+// said so again later.
 TEST(PublishCommand, LoginAndTlsConnectAndWhatRetryingCannotFixEndsWithStatusOne)
 {
     QTemporaryDir dir;
@@ -202,8 +211,6 @@ TEST(PublishCommand, LoginAndTlsConnectAndWhatRetryingCannotFixEndsWithStatusOne
         {QStringList{"--broker", at(tls), "--cafile", otherCa} + login, {}, 1, "TLS failed"},
         // Nothing listens: retried, said at once and again after 5 s, and never a failure.
         {{"--broker", at(nobody)}, {}, 0, "still cannot connect to 127.0.0.1:"},
-        {{"--broker", at(plain), "--fast"}, {}, 2, "--fast is not for publish"},
-        {{"--broker", at(plain), "--password-file", password}, {}, 2, "needs --username"},
     };
     // All at once: most of them wait for their --seconds.
     std::vector<std::unique_ptr<QProcess>> runs;
