@@ -68,7 +68,9 @@ TEST(BlueZSourceRadio, TwentyBeaconsAtOnceAreAllHeard)
                     minors.insert(h.sighting.minor);
             return minors.size() == 20;
         },
-        30'000);
+        // Each beacon is heard within seconds; the rest is room for bluetoothd in an emulated
+        // guest on a loaded host, which was seen to leave calls unanswered for 25 s.
+        60'000);
     EXPECT_EQ(minors.size(), 20) << "beacons heard: " << minors.size();
     labctl({"beacons", "12:7@10"});
 }

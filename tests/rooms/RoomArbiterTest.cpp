@@ -44,12 +44,12 @@ QString roomOf(const char* receiver)
 TEST(RoomArbiter, DecidesRoomsWithHysteresisAndNeverAwayWhileHeard)
 {
     const Case cases[] = {
-        {"as strong is not enough; 2 dB stronger for 4 s is, once it is the minute's level",
+        {"as strong is not enough; 2 dB stronger for 3 s is, once it is the minute's level",
          {{0, 180, "kitchen", -60},
           {0, 60, "hall", -62},
           {60, 120, "hall", -60},
           {120, 180, "hall", -58}},
-         {{5, "kitchen"}, {119, "kitchen"}, {129, "kitchen"}, {130, "hall"}},
+         {{5, "kitchen"}, {119, "kitchen"}, {128, "kitchen"}, {129, "hall"}},
          1},
         {"a 4 s fade of 20 dB in its room does not move it",
          {{0, 30, "kitchen", -60},

@@ -22,8 +22,8 @@ namespace Quorlix {
 /// latest reported RSSI to the beacon's last 60 seconds there. A receiver's level is the 90th
 /// percentile of those (the 6th strongest second of the minute), but never more than 4 dB above
 /// the strongest of its last 10 s. A beacon moves to another room when a receiver there has been
-/// at least 2 dB above every receiver of its current room for 4 s in a row, or when the mean of
-/// its last 5 s has been at least 6 dB above the strongest second of theirs in those 5 s, for 3 s
+/// at least 2 dB above every receiver of its current room for 3 s in a row, or when the mean of
+/// its last 5 s has been at least 6 dB above the strongest second of theirs in those 5 s, for 2 s
 /// (the beacon was carried away); a room that the second rule would leave again does not win by
 /// the first. It is away from every room only once every receiver has let it go (their exit
 /// period); a receiver that went offline keeps its last word and its seconds stand still, so it
@@ -33,7 +33,7 @@ namespace Quorlix {
 /// multipath), and fades only ever take away, so the top of a minute's readings tracks the
 /// distance where a mean follows the fades; the percentile also leaves out the odd report far
 /// above its neighbours (receivers report glitches). The cap lets a room that has lost the beacon
-/// for 10 s fall, so a carried beacon is not held by a minute-old level; 2 dB for 4 s keeps a
+/// for 10 s fall, so a carried beacon is not held by a minute-old level; 2 dB for 3 s keeps a
 /// beacon between two receivers from flapping. A fade takes the current room's mean down too, but
 /// rarely every second of five: measured against its strongest second, 6 dB is a change fades do
 /// not make. Tuned on recordings of 12 receivers at 45 points (bench/rooms/room-quality.py), for
@@ -49,10 +49,10 @@ public:
         int capS = 10;           ///< the level is at most capDb above the strongest of these
         double capDb = 4;
         double marginDb = 2; ///< levels: how much stronger a challenger must be
-        int holdS = 4;       ///< and for how long
+        int holdS = 3;       ///< and for how long
         int fastS = 5;       ///< the short mean's seconds
         double fastMarginDb = 6;
-        int fastHoldS = 3;
+        int fastHoldS = 2;
     };
 
     struct Decision
